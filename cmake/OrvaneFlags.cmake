@@ -1,0 +1,17 @@
+# Warning and sanitizer flags shared by every target of the project.
+function(orv_target_flags target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  if(ORV_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+if(ORV_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(ORV_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT ORV_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "ORV_SANITIZE must be empty, 'address' or 'thread'")
+endif()

@@ -1,0 +1,7 @@
+// The running process.
+#pragma once
+
+class OS {
+public:
+    static long getpid();
+};
