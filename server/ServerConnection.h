@@ -1,0 +1,59 @@
+// The session with one server: one object per exported handle. It owns its
+// transport for its whole life and remembers where it signed in, with which
+// token and site. Not locked: one thread uses a session at a time.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace OrvaneInternal {
+
+class INetwork;
+class ReqMsg;
+
+class ServerConnection {
+public:
+    // Throws ServerException 404 before library start-up (the transport is made
+    // first, and released again).
+    ServerConnection();
+    // Disconnects a connected session; never throws.
+    ~ServerConnection();
+    ServerConnection(const ServerConnection&) = delete;
+    ServerConnection& operator=(const ServerConnection&) = delete;
+
+    void SetProxyCredentials(const std::wstring& user, const std::wstring& password);
+    void Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
+                 const std::wstring& siteId);
+    // Forgets the sign-in on the client side; nothing is sent to the server.
+    void Disconnect();
+    void PublishExtract(const std::wstring& path, const std::wstring& projectName,
+                        const std::wstring& datasourceName, bool overwrite);
+
+    // One page of the site's projects (100 a page) as name -> id; true when it
+    // was the last page.
+    bool QueryProjects(unsigned long pageNumber, std::unordered_map<std::wstring, std::wstring>& projects);
+    void PublishExtractInternal(const std::wstring& path, const std::wstring& projectId,
+                                const std::wstring& datasourceName, bool overwrite);
+    // Performs one request; returns the body of a 2xx reply.
+    std::string Send(const ReqMsg& message);
+
+    // libcurl's global state, owned by library start-up and shutdown.
+    static void Init();
+    static void Cleanup();
+    static bool s_initialized;
+
+    bool IsConnected() const { return m_connected; }
+    const std::wstring& GetHost() const { return m_host; }
+    const std::wstring& GetToken() const { return m_token; }
+    const std::wstring& GetSiteId() const { return m_siteId; }
+
+private:
+    std::shared_ptr<INetwork> m_network;
+    std::wstring m_host;
+    std::wstring m_token;
+    std::wstring m_siteId;
+    bool m_connected = false;
+};
+
+}  // namespace OrvaneInternal
