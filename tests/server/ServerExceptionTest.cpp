@@ -13,7 +13,8 @@ TEST(ServerException, CodesMessagesAndNarrowText)
     EXPECT_TRUE(bare.getMessage().empty());
     EXPECT_EQ("", bare.getCharMessage());
 
-    const ServerException named(ServerException::InvalidPublishInput, L"Project \"Caf\u00E9 \U0001F600\" doesn't exist on server");
+    const ServerException named(ServerException::InvalidPublishInput,
+                                L"Project \"Caf\u00E9 \U0001F600\" doesn't exist on server");
     EXPECT_EQ(303, named.getErrorCode());
     EXPECT_EQ(L"Project \"Caf\u00E9 \U0001F600\" doesn't exist on server", named.getMessage());
     EXPECT_EQ("Project \"Caf\xC3\xA9 \xF0\x9F\x98\x80\" doesn't exist on server", named.getCharMessage());

@@ -1,0 +1,38 @@
+// A body part streamed from a file. The file is opened and measured once, at
+// construction, and stays open for the life of the part; reads go straight
+// into the caller's buffer.
+#pragma once
+
+#include "rest/RestIOPart.h"
+
+#include <fstream>
+#include <string>
+
+namespace OrvaneInternal {
+
+class RestIOPartFile : public RestIOPart {
+public:
+    // Throws RestIO::RestIOException "Failed to open file: " + path.
+    explicit RestIOPartFile(const std::string& path);
+
+    // A short count at end of file is normal; any other failure throws
+    // RestIO::RestIOException "Failed to read from file: " + path.
+    size_t Read(char* buffer, size_t size) override;
+    size_t GetSize() override { return m_size; }
+    bool Seek(size_t position) override;
+    // Set only once a read has hit end of file, so a file read to its exact
+    // size is not yet done.
+    bool Done() override { return m_done; }
+    // Equal when the other part is a file part over the same path.
+    bool gmock_equal(const RestIOPart& other, const std::string& from, const std::string& to) const override;
+
+    std::string m_path;  // UTF-8 bytes, handed to the file stream as they are
+    bool m_done;
+    std::ifstream m_stream;
+    size_t m_size;  // measured at construction
+
+private:
+    void OpenFile();
+};
+
+}  // namespace OrvaneInternal

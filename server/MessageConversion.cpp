@@ -1,0 +1,46 @@
+#include "server/MessageConversion.h"
+
+#include "rest/BufferReply.h"
+#include "rest/BufferRequest.h"
+#include "rest/GetRequest.h"
+#include "rest/MultipartRequest.h"
+#include "server/MultipartReqMsg.h"
+#include "sys/Errors.h"
+#include "sys/Unicode.h"
+
+namespace OrvaneInternal {
+
+std::shared_ptr<RestRequest> ConvertReqMsg(const ReqMsg& msg)
+{
+    auto xml = std::make_shared<std::string>(Unicode::ToUTF8(msg.GetXml()).str());
+    const std::string url = Unicode::ToUTF8(msg.GetUrl()).str();
+    const std::string token = Unicode::ToUTF8(msg.m_token).str();
+    switch (msg.m_reqType) {
+    case ReqMsg::None:
+        return nullptr;
+    case ReqMsg::Get:
+        return std::make_shared<GetRequest>(RestRequest::Get, url, token);
+    case ReqMsg::Buffer:
+        return std::make_shared<BufferRequest>(msg.m_method, url, token, xml);
+    default: {
+        const auto* multipartMsg = dynamic_cast<const MultipartReqMsg*>(&msg);
+        if (multipartMsg == nullptr)
+            ThrowLogicError(QRX_Status::InvalidArgument, "multipart request message without a file part");
+        auto request = std::make_shared<MultipartRequest>(msg.m_method, url, token);
+        request->AddBufferPayload(xml);
+        request->AddFilePayload(multipartMsg->GetFormat(), Unicode::ToUTF8(multipartMsg->GetPath()).str());
+        request->Finish();
+        return request;
+    }
+    }
+}
+
+std::string ConvertRestReply(RestReply& reply, const ReqMsg::RepType& type)
+{
+    if (type == ReqMsg::Unknown)
+        return std::string();
+    const auto& buffer = dynamic_cast<const BufferReply&>(reply);
+    return std::string(buffer.m_data.begin(), buffer.m_data.end());
+}
+
+}  // namespace OrvaneInternal
