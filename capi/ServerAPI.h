@@ -1,0 +1,22 @@
+// Library start-up and shutdown, behind the exported initialise and clean-up
+// calls. Neither operation takes a lock: they must not overlap each other or
+// any other call into the library. Nothing counts nested start-ups: one
+// Cleanup stops the library however often it was initialised.
+#pragma once
+
+namespace OrvaneInternal {
+
+class ServerAPI {
+public:
+    // Opens the log and starts its writer, then libcurl's global state; does
+    // nothing once started. Throws what fails: QRX_InvalidArgument from the log
+    // set-up, ServerException 400 from libcurl's start. The library then stays
+    // stopped and the next call repeats every step, the log set-up included.
+    static void Initialize();
+    // Stops libcurl's global state, then the log writer, and returns once every
+    // line queued before the call is in the file; does nothing when stopped.
+    // The stopped logger stays installed until the next Initialize.
+    static void Cleanup();
+};
+
+}  // namespace OrvaneInternal
