@@ -1,0 +1,69 @@
+#pragma once
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/HttpScript.h"
+#include "tests/support/RecordedRequest.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace OrvaneTest {
+
+struct ServerOptions {
+    bool tls = false;
+    // PEM files to serve with; both empty: a self-signed certificate for 127.0.0.1, ::1 and
+    // localhost is made for this server (see CertificateFile()).
+    std::string certificateFile;
+    std::string keyFile;
+    // False keeps only length and SHA-256 of each body: for uploads of hundreds of MiB.
+    bool storeBodies = true;
+};
+
+// The scripted, recording HTTP(S) server of tests/support/http_test_server.py, run as a child
+// process on 127.0.0.1 for the life of this object. Every request is recorded before the
+// server answers it, so once a client has its answer the request is in Requests(); only a
+// request answered with AnswerThenReadBody(), or one the client abandoned, is finished later
+// (use WaitForRequests).
+class TestHttpServer {
+public:
+    // Throws std::runtime_error (with the server's output) when the server does not come up.
+    explicit TestHttpServer(const Script& script, const ServerOptions& options = {});
+    explicit TestHttpServer(const std::string& scriptJson, const ServerOptions& options = {});
+    ~TestHttpServer();
+
+    TestHttpServer(const TestHttpServer&) = delete;
+    TestHttpServer& operator=(const TestHttpServer&) = delete;
+
+    unsigned short Port() const { return m_port; }
+    std::string BaseUrl() const;                          // "http(s)://127.0.0.1:port"
+    std::string Url(const std::string& pathAndQuery) const; // BaseUrl() + pathAndQuery
+    std::string CertificateFile() const;                  // PEM; empty without TLS
+
+    std::vector<RecordedRequest> Requests(bool loadBodies = true) const;
+    std::size_t RequestCount() const;
+    // For requests that finish after the client gave up (an aborted upload): polls until
+    // `count` requests are recorded or `limit` has passed, then returns what there is.
+    std::vector<RecordedRequest> WaitForRequests(std::size_t count,
+                                                 std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+
+    // Connection events in order: "open C", "tls-failed C reason", "drained C bytes",
+    // "error C what", "io-error C what", "close C".
+    std::vector<std::string> Events() const;
+    std::size_t ConnectionCount() const; // connections accepted so far
+    std::string Output() const;          // the server's stdout and stderr
+    const std::string& Directory() const { return m_dir.Path(); }
+    int ProcessId() const { return m_process->Pid(); }
+
+private:
+    void Start(const std::string& scriptJson, const ServerOptions& options);
+
+    TempDirectory m_dir;
+    std::unique_ptr<ChildProcess> m_process;
+    unsigned short m_port = 0;
+    bool m_tls = false;
+    std::string m_certificateFile;
+};
+
+}  // namespace OrvaneTest
