@@ -1,0 +1,36 @@
+# The shared library with the exported C API: the eight functions and nothing
+# else (hidden visibility, a version script, and no re-export of the static
+# libraries linked in).
+add_library(OrvaneServer SHARED ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.cpp)
+add_library(Orvane::Server ALIAS OrvaneServer)
+target_link_libraries(OrvaneServer PRIVATE OrvaneServerCore PUBLIC OrvaneCommon)
+target_include_directories(OrvaneServer PUBLIC
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+target_link_options(OrvaneServer PRIVATE
+  -Wl,--version-script=${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.map
+  -Wl,--exclude-libs,ALL -Wl,--no-undefined)
+set_target_properties(OrvaneServer PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+  LINK_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.map)
+orv_target_flags(OrvaneServer)
+
+include(CMakePackageConfigHelpers)
+install(TARGETS OrvaneServer OrvaneCommon EXPORT OrvaneServerTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServer.h ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneCommon.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
+install(EXPORT OrvaneServerTargets NAMESPACE Orvane::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OrvaneServer)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/OrvaneServerConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/OrvaneServerConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OrvaneServer)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/OrvaneServerConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/OrvaneServerConfig.cmake ${PROJECT_BINARY_DIR}/OrvaneServerConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OrvaneServer)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/orvane-server.pc.in ${PROJECT_BINARY_DIR}/orvane-server.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/orvane-server.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

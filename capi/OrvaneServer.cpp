@@ -1,0 +1,170 @@
+// The exported C functions. Every one returns a result code and lets no
+// exception out: argument checks first (in argument order), then the handle,
+// then the session's operation inside one handler that maps ServerException
+// to its code and message and anything else to "Unknown error".
+#include <orvane/OrvaneServer.h>
+
+#include "capi/ServerAPI.h"
+#include "common/HandleRepository.h"
+#include "server/ServerConnection.h"
+#include "server/ServerException.h"
+#include "sys/StringUtils.h"
+
+using OrvaneInternal::ServerConnection;
+using OrvaneInternal::ServerException;
+
+namespace OrvaneInternal {
+
+int OrvHandleClose(void* handle)
+{
+    return OrvGetHandleRepository().removeHandle(handle) ? ORV_RESULT_Success : ORV_RESULT_BadHandle;
+}
+
+}  // namespace OrvaneInternal
+
+namespace {
+
+void SetLastError(const wchar_t* message)
+{
+    try {
+        OrvSetLastErrorMessage(message);
+    } catch (...) {
+        // Out of memory for the message itself: the code still tells the caller.
+    }
+}
+
+template <class Operation>
+ORV_RESULT Guarded(Operation&& operation)
+{
+    try {
+        return operation();
+    } catch (const ServerException& e) {
+        SetLastError(e.getMessage().c_str());
+        return e.getErrorCode();
+    } catch (...) {
+        SetLastError(L"Unknown error");
+        return ORV_RESULT_UnknownError;
+    }
+}
+
+// The first null argument names itself in the last error.
+bool Missing(const void* argument, const wchar_t* message)
+{
+    if (argument != nullptr)
+        return false;
+    SetLastError(message);
+    return true;
+}
+
+// Null, closed or never created; only the registry knows, and the handle is
+// then used as the session's address.
+ServerConnection* Session(void* handle)
+{
+    if (!OrvGetHandleRepository().handleExists(handle) || handle == nullptr) {
+        SetLastError(L"Invalid ServerConnection handle");
+        return nullptr;
+    }
+    return static_cast<ServerConnection*>(handle);
+}
+
+std::wstring Wide(const unsigned short* text)
+{
+    return StringUtils::ToStdString(text);
+}
+
+}  // namespace
+
+extern "C" {
+
+ORV_RESULT OrvServerAPIInitialize(void)
+{
+    return Guarded([] {
+        OrvaneInternal::ServerAPI::Initialize();
+        return ORV_RESULT_Success;
+    });
+}
+
+ORV_RESULT OrvServerAPICleanup(void)
+{
+    return Guarded([] {
+        OrvaneInternal::ServerAPI::Cleanup();
+        return ORV_RESULT_Success;
+    });
+}
+
+ORV_RESULT OrvServerConnectionCreate(void** handle)
+{
+    return Guarded([&] {
+        auto* session = new ServerConnection();
+        // A fresh object's address cannot be registered already; the result
+        // is ignored on purpose.
+        (void)OrvGetHandleRepository().registerHandle<ServerConnection>(session);
+        *handle = session;
+        return ORV_RESULT_Success;
+    });
+}
+
+ORV_RESULT OrvServerConnectionConnect(void* handle, const unsigned short* host, const unsigned short* username,
+                                      const unsigned short* password, const unsigned short* siteID)
+{
+    if (Missing(host, L"Invalid argument 'host'") || Missing(username, L"Invalid argument 'username'") ||
+        Missing(password, L"Invalid argument 'password'") || Missing(siteID, L"Invalid argument 'siteID'"))
+        return ORV_RESULT_InvalidArgument;
+    return Guarded([&] {
+        ServerConnection* session = Session(handle);
+        if (session == nullptr)
+            return ORV_RESULT_BadHandle;
+        session->Connect(Wide(host), Wide(username), Wide(password), Wide(siteID));
+        return ORV_RESULT_Success;
+    });
+}
+
+ORV_RESULT OrvServerConnectionPublishExtract(void* handle, const unsigned short* path,
+                                             const unsigned short* projectName,
+                                             const unsigned short* datasourceName, int overwrite)
+{
+    if (Missing(path, L"Invalid argument 'path'") || Missing(projectName, L"Invalid argument 'projectName'") ||
+        Missing(datasourceName, L"Invalid argument 'datasourceName'"))
+        return ORV_RESULT_InvalidArgument;
+    return Guarded([&] {
+        ServerConnection* session = Session(handle);
+        if (session == nullptr)
+            return ORV_RESULT_BadHandle;
+        session->PublishExtract(Wide(path), Wide(projectName), Wide(datasourceName), overwrite != 0);
+        return ORV_RESULT_Success;
+    });
+}
+
+ORV_RESULT OrvServerConnectionDisconnect(void* handle)
+{
+    return Guarded([&] {
+        ServerConnection* session = Session(handle);
+        if (session == nullptr)
+            return ORV_RESULT_BadHandle;
+        session->Disconnect();
+        return ORV_RESULT_Success;
+    });
+}
+
+ORV_RESULT OrvServerConnectionClose(void* handle)
+{
+    // No handler and no last error, unlike the others: closing an unknown
+    // handle only says so in its result. A session's destructor never throws.
+    return OrvaneInternal::OrvHandleClose(handle);
+}
+
+ORV_RESULT OrvServerConnectionSetProxyCredentials(void* handle, const unsigned short* username,
+                                                  const unsigned short* password)
+{
+    if (Missing(username, L"Invalid argument 'username'") || Missing(password, L"Invalid argument 'password'"))
+        return ORV_RESULT_InvalidArgument;
+    return Guarded([&] {
+        ServerConnection* session = Session(handle);
+        if (session == nullptr)
+            return ORV_RESULT_BadHandle;
+        session->SetProxyCredentials(Wide(username), Wide(password));
+        return ORV_RESULT_Success;
+    });
+}
+
+}  // extern "C"
