@@ -9,6 +9,7 @@
  */
 #include <orvane/OrvaneServer.h>
 
+#include <locale.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -36,6 +37,7 @@ static int report(const char* step, ORV_RESULT rc)
 
 int main(int argc, char** argv)
 {
+    setlocale(LC_ALL, ""); /* so %ls prints non-ASCII error text */
     if (argc != 7) {
         fprintf(stderr, "usage: %s SERVER USER SITE PROJECT FILE.qrx NAME   (password in $ORVANE_PASSWORD)\n", argv[0]);
         return 2;

@@ -13,7 +13,6 @@ public:
         : RestRequest(method, url, token, std::string())
     {
     }
-    GetRequest(const std::string& url, const std::string& token) : GetRequest(Get, url, token) {}
     ~GetRequest() override = default;
 
     bool gmock_equal(const GetRequest& other) const { return SameContent(other); }
