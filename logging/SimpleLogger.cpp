@@ -217,14 +217,24 @@ void ForEachLine(std::basic_string_view<Char> text, Emit emit)
     }
 }
 
+// Widens in place: appending from a range of another character type would
+// first build a temporary wide string, one more allocation per line.
+template <class Char>
+void AppendWidened(std::wstring& out, std::basic_string_view<Char> text)
+{
+    const std::size_t at = out.size();
+    out.resize(at + text.size());
+    std::copy(text.begin(), text.end(), out.begin() + static_cast<std::ptrdiff_t>(at));
+}
+
 // Appends header, line and newline for every line of `text`; narrow text
 // must be ASCII here and is widened unit by unit.
 template <class Char>
 void AppendLines(std::wstring& out, const Header& header, std::basic_string_view<Char> text)
 {
     ForEachLine<Char>(text, [&](std::basic_string_view<Char> line) {
-        out.append(header.text, header.text + header.length);
-        out.append(line.begin(), line.end());
+        AppendWidened<char>(out, std::string_view(header.text, header.length));
+        AppendWidened<Char>(out, line);
         out += L'\n';
     });
 }
@@ -308,7 +318,7 @@ void SimpleLogger::QueueMessage(const std::string& message)
                 text.clear();
                 Unicode::ToWideChar convert;
                 ForEachLine<char>(message, [&](std::string_view line) {
-                    text.append(header.text, header.text + header.length);
+                    AppendWidened<char>(text, std::string_view(header.text, header.length));
                     try {
                         text += convert(line.data(), line.size());
                     } catch (const QRX_RuntimeError&) {

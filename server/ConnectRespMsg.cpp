@@ -2,7 +2,6 @@
 
 #include "server/ServerException.h"
 #include "server/XmlReplyParser.h"
-#include "sys/Unicode.h"
 
 #include <cstring>
 
@@ -14,7 +13,7 @@ void StoreAttribute(const char** attributes, const char* wanted, std::wstring& t
 {
     for (int i = 0; attributes[i] != nullptr; i += 2) {
         if (std::strcmp(attributes[i], wanted) == 0)
-            target = Unicode::ToWideChar(attributes[i + 1]).str();  // a later duplicate wins
+            target = XmlReplyParser::Text(attributes[i + 1]);  // a later duplicate wins
     }
 }
 

@@ -2,9 +2,9 @@
 
 #include "server/ServerException.h"
 #include "server/XmlReplyParser.h"
-#include "sys/Unicode.h"
 
 #include <cstring>
+#include <utility>
 
 namespace OrvaneInternal {
 
@@ -29,12 +29,12 @@ void ReadProject(QueryProjRespMsg& message, const char** attributes)
     std::wstring id;
     for (int i = 0; attributes[i] != nullptr; i += 2) {
         if (std::strcmp(attributes[i], "name") == 0)
-            name = Unicode::ToWideChar(attributes[i + 1]).str();
+            name = XmlReplyParser::Text(attributes[i + 1]);
         else if (std::strcmp(attributes[i], "id") == 0)
-            id = Unicode::ToWideChar(attributes[i + 1]).str();
+            id = XmlReplyParser::Text(attributes[i + 1]);
     }
     if (!name.empty() && !id.empty())
-        message.m_projects[name] = id;
+        message.m_projects.insert_or_assign(std::move(name), std::move(id));
 }
 
 void StartElement(void* userData, const char* name, const char** attributes)

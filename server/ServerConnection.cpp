@@ -17,6 +17,8 @@
 #include "sys/Path.h"
 #include "sys/Unicode.h"
 
+#include <utility>
+
 namespace OrvaneInternal {
 
 namespace {
@@ -115,7 +117,7 @@ bool ServerConnection::QueryProjects(unsigned long pageNumber,
 {
     if (!m_connected)
         throw ServerException(ServerException::NotConnected, kNotConnected);
-    const QueryProjRespMsg reply(Send(QueryProjReqMsg(m_host, m_siteId, m_token, pageNumber)));
+    QueryProjRespMsg reply(Send(QueryProjReqMsg(m_host, m_siteId, m_token, pageNumber)));
 
     const uint64_t pageSize = QueryProjReqMsg::kPageSize;
     if (reply.m_pageNumber != pageNumber || reply.m_pageSize != pageSize)
@@ -127,7 +129,9 @@ bool ServerConnection::QueryProjects(unsigned long pageNumber,
     const uint64_t expected = more ? pageSize : reply.m_totalAvailable + pageSize - before;
     if (reply.m_projects.size() != expected)
         throw ServerException(ServerException::ServerResponseError, L"Item number mismatch");
-    projects = reply.m_projects;
+    // The page's map is handed over whole (the reply ends here); what the
+    // caller held before is dropped, never merged.
+    projects = std::move(reply.m_projects);
     return !more;
 }
 
@@ -135,10 +139,12 @@ void ServerConnection::PublishExtract(const std::wstring& path, const std::wstri
                                       const std::wstring& datasourceName, bool overwrite)
 {
     // One message for all three checks, so the caller cannot tell a wrong
-    // extension from a missing file.
+    // extension from a missing file. Only a regular file (or a link to one)
+    // counts: a directory would be measured at an absurd size, and opening a
+    // FIFO would wait for a writer forever.
     const std::size_t extension = path.rfind(L".qrx");
     if (extension == std::wstring::npos || path.compare(extension, std::wstring::npos, L".qrx") != 0 ||
-        !Path::exists(path))
+        !Path::isfile(path))
         throw ServerException(ServerException::InvalidPublishInput,
                               L"File \"" + path + L"\" is either invalid or doesn't exist");
 

@@ -1,6 +1,7 @@
 #include "server/XmlReplyParser.h"
 
 #include "server/ServerException.h"
+#include "sys/Unicode.h"
 
 #include <expat.h>
 
@@ -50,6 +51,16 @@ struct ParserDeleter {
 };
 
 }  // namespace
+
+std::wstring XmlReplyParser::Text(const char* value)
+{
+    const char* end = value;
+    while (*end != '\0' && static_cast<unsigned char>(*end) < 0x80)
+        ++end;
+    if (*end == '\0')
+        return std::wstring(value, end);
+    return Unicode::ToWideChar(value).str();
+}
 
 void XmlReplyParser::Parse(const std::string& reply, void* userData, StartHandler start, EndHandler end)
 {

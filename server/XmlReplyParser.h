@@ -15,6 +15,11 @@ public:
     using EndHandler = void (*)(void* userData, const char* name);
 
     static void Parse(const std::string& reply, void* userData, StartHandler start, EndHandler end);
+
+    // An attribute value (UTF-8) as a wide string. Replies are mostly ASCII,
+    // which is widened unit by unit; only other text goes through the
+    // converter, whose errors pass unchanged.
+    static std::wstring Text(const char* value);
 };
 
 }  // namespace OrvaneInternal

@@ -13,7 +13,7 @@ packages=(
 # Extra groups, asked for by the scripts that need them.
 for extra in "$@"; do
   case "$extra" in
-    --bench) packages+=(nginx-light libspdlog-dev curl) ;;
+    --bench) packages+=(nginx-light libspdlog-dev curl linux-perf) ;;
     --fuzz) packages+=(clang libclang-rt-14-dev) ;;
     --valgrind) packages+=(valgrind) ;;
     *) echo "install-deps: unknown option $extra" >&2; exit 2 ;;
