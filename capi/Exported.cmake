@@ -13,6 +13,9 @@ target_link_options(OrvaneServer PRIVATE
 set_target_properties(OrvaneServer PROPERTIES
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
   LINK_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.map)
+# Installed users see the same names as the build tree's aliases.
+set_target_properties(OrvaneServer PROPERTIES EXPORT_NAME Server)
+set_target_properties(OrvaneCommon PROPERTIES EXPORT_NAME Common)
 orv_target_flags(OrvaneServer)
 
 include(CMakePackageConfigHelpers)
@@ -32,5 +35,14 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/OrvaneServerConfigVersion
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/OrvaneServerConfig.cmake ${PROJECT_BINARY_DIR}/OrvaneServerConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OrvaneServer)
-configure_file(${PROJECT_SOURCE_DIR}/cmake/orvane-server.pc.in ${PROJECT_BINARY_DIR}/orvane-server.pc @ONLY)
+# The prefix is found relative to the .pc file (pkg-config's ${pcfiledir}), not
+# fixed at configure time: a tree installed with cmake --install --prefix, or
+# staged with DESTDIR, must not point its users at CMAKE_INSTALL_PREFIX.
+function(orv_configure_pkgconfig output)
+  file(RELATIVE_PATH toPrefix "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+  string(REGEX REPLACE "/$" "" toPrefix "${toPrefix}")
+  set(CMAKE_INSTALL_PREFIX "\${pcfiledir}/${toPrefix}")
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/orvane-server.pc.in ${output} @ONLY)
+endfunction()
+orv_configure_pkgconfig(${PROJECT_BINARY_DIR}/orvane-server.pc)
 install(FILES ${PROJECT_BINARY_DIR}/orvane-server.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -13,6 +13,8 @@ public:
         : RestRequest(method, url, token, std::string())
     {
     }
+    // Every GET the library makes is built so.
+    GetRequest(const std::string& url, const std::string& token) : GetRequest(Get, url, token) {}
     ~GetRequest() override = default;
 
     bool gmock_equal(const GetRequest& other) const { return SameContent(other); }

@@ -2,6 +2,8 @@
 
 #include "rest/RestIO.h"
 
+#include <algorithm>
+
 namespace OrvaneInternal {
 
 RestIOPartFile::RestIOPartFile(const std::string& path) : m_path(path), m_done(false), m_size(0)
@@ -26,18 +28,25 @@ void RestIOPartFile::OpenFile()
 
 size_t RestIOPartFile::Read(char* buffer, size_t size)
 {
-    // Requests larger than the stream's own buffer bypass it, so libcurl's
-    // chunks are read by the system straight into `buffer`.
-    m_stream.read(buffer, static_cast<std::streamsize>(size));
-    const size_t n = static_cast<size_t>(m_stream.gcount());
-    if (m_stream.eof()) {
+    // Exactly the size measured at construction goes out, which is what the
+    // request announced: a file that has grown since is cut there, one that
+    // has shrunk is a read failure.
+    const size_t left = m_size - std::min(m_offset, m_size);
+    const size_t want = std::min(size, left);
+    if (want != 0) {
+        m_stream.read(buffer, static_cast<std::streamsize>(want));
+        const size_t n = static_cast<size_t>(m_stream.gcount());
+        m_offset += n;
+        if (n < want) {
+            throw RestIO::RestIOException("Failed to read from file: " + m_path);
+        }
+    }
+    // Asking for more than is left is reaching the end, as a read past the
+    // end of the file would be.
+    if (size > left) {
         m_done = true;
-        return n;
     }
-    if (m_stream.fail()) {  // fail() covers bad() too
-        throw RestIO::RestIOException("Failed to read from file: " + m_path);
-    }
-    return n;
+    return want;
 }
 
 bool RestIOPartFile::Seek(size_t position)
@@ -46,6 +55,7 @@ bool RestIOPartFile::Seek(size_t position)
     // Offsets beyond the signed range become negative and are refused.
     m_stream.seekg(static_cast<std::streamoff>(position));
     m_done = false;
+    m_offset = position;
     return !m_stream.fail();
 }
 

@@ -15,13 +15,14 @@ public:
     // Throws RestIO::RestIOException "Failed to open file: " + path.
     explicit RestIOPartFile(const std::string& path);
 
-    // A short count at end of file is normal; any other failure throws
+    // Yields exactly the size measured at construction: a file that has grown
+    // since is cut there; one that has shrunk, or any other failure, throws
     // RestIO::RestIOException "Failed to read from file: " + path.
     size_t Read(char* buffer, size_t size) override;
     size_t GetSize() override { return m_size; }
     bool Seek(size_t position) override;
-    // Set only once a read has hit end of file, so a file read to its exact
-    // size is not yet done.
+    // Set only once a read has asked for more than is left, so a file read to
+    // its exact size is not yet done.
     bool Done() override { return m_done; }
     // Equal when the other part is a file part over the same path.
     bool gmock_equal(const RestIOPart& other, const std::string& from, const std::string& to) const override;
@@ -30,6 +31,7 @@ public:
     bool m_done;
     std::ifstream m_stream;
     size_t m_size;  // measured at construction
+    size_t m_offset = 0;  // read position, so that reads stop at m_size
 
 private:
     void OpenFile();

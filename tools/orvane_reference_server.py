@@ -1201,6 +1201,9 @@ class ReferenceHandler(http.server.BaseHTTPRequestHandler):
 
 class ReferenceServer(http.server.ThreadingHTTPServer):
     daemon_threads = True
+    # Many clients connect in bursts (one session per publishing thread); the
+    # default backlog of 5 would reset the rest.
+    request_queue_size = 128
 
     def __init__(self, host, port, state):
         self.address_family = socket.AF_INET6 if ":" in host else socket.AF_INET

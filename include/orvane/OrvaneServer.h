@@ -86,8 +86,9 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionPublishExtract(void* handle, const 
 /* Forgets the sign-in on this side; nothing is sent to the server. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionDisconnect(void* handle);
 
-/* Destroys the connection (signing out first). Returns ORV_RESULT_BadHandle
- * for an unknown handle, without touching the last error. */
+/* Destroys the connection (forgetting its sign-in as Disconnect does; nothing
+ * is sent to the server). Returns ORV_RESULT_BadHandle for an unknown handle,
+ * without touching the last error. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionClose(void* handle);
 
 /* Credentials for the system proxy; the same pair answers a server's one

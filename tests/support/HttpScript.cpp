@@ -159,6 +159,13 @@ Response& Response::WithoutContinue()
     return *this;
 }
 
+Response& Response::HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds)
+{
+    m_holdAt = bytes;
+    m_holdLimit = limitSeconds;
+    return *this;
+}
+
 Response& Response::CloseWithoutAnswer()
 {
     m_fault = "close";
@@ -212,6 +219,9 @@ std::string Response::ToJson() const
     }
     if (m_truncateAt) {
         out += ", \"truncate_at\": " + std::to_string(*m_truncateAt);
+    }
+    if (m_holdAt) {
+        out += ", \"hold_at\": " + std::to_string(*m_holdAt) + ", \"hold_limit\": " + std::to_string(m_holdLimit);
     }
     if (m_auth) {
         out += ", \"auth\": {\"user\": " + JsonString(m_user) + ", \"password\": " + JsonString(m_password) +

@@ -41,6 +41,9 @@ public:
     Response& AnswerThenReadBody();      // answer first, then read and record the body
     Response& ReadBodyBytes(std::uint64_t count); // read at most `count` bytes before acting
     Response& WithoutContinue();         // leave "Expect: 100-continue" unanswered
+    // Stop reading once `bytes` body bytes have arrived, until TestHttpServer::ReleaseHolds()
+    // (or `limitSeconds` pass); the client's sending stalls meanwhile.
+    Response& HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds = 30);
 
     // Faults.
     Response& CloseWithoutAnswer();      // close (FIN) instead of answering
@@ -62,6 +65,8 @@ private:
     bool m_skipContinue = false;
     std::string m_fault;
     std::optional<std::size_t> m_truncateAt;
+    std::optional<std::uint64_t> m_holdAt;
+    unsigned m_holdLimit = 30;
     bool m_auth = false;
     std::string m_user;
     std::string m_password;

@@ -88,6 +88,9 @@ void TestHttpServer::Start(const std::string& scriptJson, const ServerOptions& o
     if (!options.storeBodies) {
         argv.push_back("--no-body-files");
     }
+    if (options.idleTimeoutSeconds != 0) {
+        argv.insert(argv.end(), {"--idle-timeout", std::to_string(options.idleTimeoutSeconds)});
+    }
     m_process = std::make_unique<ChildProcess>(argv, m_dir.File("output.log"));
 
     for (auto waited = std::chrono::milliseconds(0); waited < kStartLimit; waited += kPollStep) {
@@ -177,6 +180,28 @@ std::size_t TestHttpServer::ConnectionCount() const
         count += line.rfind("open ", 0) == 0 ? 1 : 0;
     }
     return count;
+}
+
+bool TestHttpServer::WaitForHold(std::size_t count, std::chrono::milliseconds limit) const
+{
+    for (auto waited = std::chrono::milliseconds(0);; waited += kPollStep) {
+        std::size_t held = 0;
+        for (const auto& line : Events()) {
+            held += line.rfind("held ", 0) == 0 ? 1 : 0;
+        }
+        if (held >= count) {
+            return true;
+        }
+        if (waited >= limit) {
+            return false;
+        }
+        std::this_thread::sleep_for(kPollStep);
+    }
+}
+
+void TestHttpServer::ReleaseHolds() const
+{
+    WriteFileBytes(m_dir.File("requests/release"), "");
 }
 
 std::string TestHttpServer::Output() const

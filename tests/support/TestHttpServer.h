@@ -19,6 +19,9 @@ struct ServerOptions {
     std::string keyFile;
     // False keeps only length and SHA-256 of each body: for uploads of hundreds of MiB.
     bool storeBodies = true;
+    // A connection silent this long is dropped; 0 keeps the server's 120 s. A test whose
+    // client may wait for a body that never comes stays short with a few seconds here.
+    unsigned idleTimeoutSeconds = 0;
 };
 
 // The scripted, recording HTTP(S) server of tests/support/http_test_server.py, run as a child
@@ -52,6 +55,11 @@ public:
     // "error C what", "io-error C what", "close C".
     std::vector<std::string> Events() const;
     std::size_t ConnectionCount() const; // connections accepted so far
+    // For Response::HoldBodyAt: waits until `count` requests have been held so far (true) or
+    // `limit` has passed (false); ReleaseHolds lets every held request, and every later one,
+    // read on.
+    bool WaitForHold(std::size_t count = 1, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    void ReleaseHolds() const;
     std::string Output() const;          // the server's stdout and stderr
     const std::string& Directory() const { return m_dir.Path(); }
     int ProcessId() const { return m_process->Pid(); }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <openssl/evp.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -13,6 +14,7 @@
 
 #include <cerrno>
 #include <stdexcept>
+#include <thread>
 
 using namespace OrvaneTest;
 using ::testing::ElementsAre;
@@ -313,6 +315,36 @@ TEST(TestHttpServer, InjectsReplyAndContinueFaults)
     EXPECT_TRUE(requests[4].bodyComplete);
 }
 
+TEST(TestHttpServer, HoldsTheBodyUntilReleasedOrUntilItsLimit)
+{
+    Script script;
+    script.On("/expires", Response(201).HoldBodyAt(10, 1)).On("/held", Response(202).HoldBodyAt(1000));
+    TestHttpServer server(script);
+    const std::string body = Pattern(4 * 1024 * 1024);
+
+    // Never released: the server reads on by itself after a second.
+    CurlResult expired = Perform(Post(server.Url("/expires"), "0123456789abcdef"));
+    EXPECT_EQ(201, expired.status) << expired.error;
+
+    CurlResult held;
+    std::thread client([&] { held = Perform(Post(server.Url("/held"), body)); });
+    const bool wasHeld = server.WaitForHold(2);
+    // Held: the request is not finished, so it has no record yet.
+    const std::size_t recordedWhileHeld = server.RequestCount();
+    server.ReleaseHolds();
+    client.join();
+    ASSERT_TRUE(wasHeld);
+    EXPECT_EQ(1u, recordedWhileHeld);
+    EXPECT_EQ(202, held.status) << held.error;
+
+    std::vector<RecordedRequest> requests = server.Requests();
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_EQ("0123456789abcdef", requests[0].body);
+    EXPECT_TRUE(requests[1].bodyComplete);
+    EXPECT_TRUE(body == requests[1].body);
+    EXPECT_THAT(server.Events(), ::testing::IsSupersetOf({"held 1 10", "hold-expired 1", "held 2 1000", "released 2"}));
+}
+
 TEST(TestHttpServer, TlsCertificateIsRefusedByDefaultAndAcceptedWhenTrusted)
 {
     ServerOptions options;
@@ -355,6 +387,37 @@ TEST(TestHttpServer, AnswersWhileAnotherConnectionStalls)
     close(stalled);
     ASSERT_EQ(CURLE_OK, result.code) << result.error;
     EXPECT_EQ("free", result.body);
+}
+
+TEST(TestHttpServer, DropsAConnectionSilentForItsIdleTimeout)
+{
+    ServerOptions options;
+    options.idleTimeoutSeconds = 1;
+    TestHttpServer server(Script().On("/", Response(200)), options);
+
+    int silent = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(silent, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(server.Port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, connect(silent, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    // Three of the ten body bytes announced, then nothing.
+    const char partial[] = "POST / HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 10\r\n\r\nabc";
+    ASSERT_EQ(static_cast<ssize_t>(sizeof partial - 1), write(silent, partial, sizeof partial - 1));
+    // The server closes without an answer; bounded in case it never does.
+    pollfd ready{silent, POLLIN, 0};
+    const int polled = poll(&ready, 1, 20000);
+    char byte = 0;
+    const ssize_t got = polled == 1 ? read(silent, &byte, 1) : -1;
+    close(silent);
+    EXPECT_EQ(0, got);
+
+    std::vector<RecordedRequest> requests = server.WaitForRequests(1);
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ(3u, requests[0].bodyLength);
+    EXPECT_FALSE(requests[0].bodyComplete);
+    EXPECT_THAT(server.Events(), ::testing::Contains("io-error 1 timed out"));
 }
 
 TEST(TestHttpServer, ReportsAServerThatCannotStart)

@@ -5,10 +5,12 @@ Started by the C++ fixture (tests/support/TestHttpServer.cpp); standard library 
 
     http_test_server.py --script FILE --record-dir DIR [--port-file FILE]
                         [--tls --cert FILE --key FILE [--openssl PATH]] [--no-body-files]
+                        [--idle-timeout SECONDS]
 
 It listens on 127.0.0.1 on an ephemeral port and, once it accepts connections, writes
 that port to --port-file (atomically) or prints "PORT <n>" on stdout. SIGTERM stops it
-with exit status 0.
+with exit status 0. A connection that stays silent for --idle-timeout seconds (default 120)
+is dropped ("io-error C timed out").
 
 Script (JSON; strings are byte strings: the file is read as Latin-1 and every string is
 sent back out as the same bytes):
@@ -46,8 +48,13 @@ STEP keys (all optional):
                   "truncate" (announce the whole body, send truncate_at bytes, close),
                   "drop_last_chunk" (chunked answer without its terminating chunk, close)
     truncate_at   bytes of body sent by "truncate", default half the body
+    hold_at       int: once N body bytes have arrived, stop reading (event "held R N") until a
+                  file named "release" exists in the record directory (event "released R"), at
+                  most hold_limit seconds (default 30; then event "hold-expired R"), then read
+                  on as read_body says; lets a test change the client's input mid-upload
 
-Recording, for request number N (1-based, in order of arrival of the request heads):
+Recording, for request number N (1-based, in order of arrival of the request heads; a request
+whose body breaks off is recorded with what arrived and status 0):
     DIR/N.head  the request line and header lines exactly as received, through the
                 blank line
     DIR/N.body  the body bytes after removing chunked framing (absent with --no-body-files)
@@ -58,7 +65,8 @@ Recording, for request number N (1-based, in order of arrival of the request hea
                 line per chunked trailer
     DIR/events  one line per connection event: "open C", "tls-failed C <reason>",
                 "drained C <bytes discarded after an early answer>", "error C <what>",
-                "io-error C <what>", "close C"
+                "io-error C <what>", "close C"; and "held R N", "released R",
+                "hold-expired R" for request R (see hold_at)
 """
 
 import argparse
@@ -74,6 +82,7 @@ import ssl
 import subprocess
 import sys
 import threading
+import time
 import traceback
 
 MAX_LINE = 64 * 1024
@@ -81,6 +90,8 @@ MAX_HEADERS = 200
 IO_BLOCK = 1024 * 1024
 DRAIN_LIMIT_SECONDS = 2.0
 IDLE_TIMEOUT_SECONDS = 120.0
+HOLD_POLL_SECONDS = 0.01
+RELEASE_FILE = "release"
 
 
 def to_bytes(text):
@@ -193,16 +204,42 @@ class Recorder:
 class BodySink:
     """Streams request body bytes to the body file and the digest."""
 
-    def __init__(self, recorder, number):
+    def __init__(self, recorder, number, hold_at=None, hold_limit=30.0):
         self.file = open(recorder.path(number, "body"), "wb") if recorder.store_bodies else None
         self.digest = hashlib.sha256()
         self.length = 0
+        self.recorder = recorder
+        self.number = number
+        self.hold_at = hold_at
+        self.hold_limit = hold_limit
 
     def write(self, data):
+        if self.hold_at is not None and self.length + len(data) >= self.hold_at:
+            # Split at the hold point so that the record shows where the reading stopped.
+            cut = self.hold_at - self.length
+            self.store(data[:cut])
+            data = data[cut:]
+            self.hold()
+        self.store(data)
+
+    def store(self, data):
         if self.file:
             self.file.write(data)
         self.digest.update(data)
         self.length += len(data)
+
+    def hold(self):
+        """Stops reading (the caller's loop waits here) until the test releases it; bounded."""
+        self.hold_at = None
+        self.recorder.event("held %d %d" % (self.number, self.length))
+        release = os.path.join(self.recorder.directory, RELEASE_FILE)
+        deadline = time.monotonic() + self.hold_limit
+        while not os.path.exists(release):
+            if time.monotonic() >= deadline:
+                self.recorder.event("hold-expired %d" % self.number)
+                return
+            time.sleep(HOLD_POLL_SECONDS)
+        self.recorder.event("released %d" % self.number)
 
     def close(self):
         if self.file:
@@ -458,7 +495,9 @@ class Connection:
         number = self.server.recorder.new_request(raw)
         step = self.choose(request)
 
-        request.sink = BodySink(self.server.recorder, number)
+        hold_at = step.get("hold_at")
+        request.sink = BodySink(self.server.recorder, number, None if hold_at is None else int(hold_at),
+                                float(step.get("hold_limit", 30.0)))
         read_policy = step.get("read_body", "all")
         expects_continue = (request.header(b"expect") or b"").lower() == b"100-continue"
         if expects_continue and request.has_body() and request.version == "HTTP/1.1":
@@ -466,12 +505,18 @@ class Connection:
                 self.send(b"HTTP/1.1 100 Continue\r\n\r\n")
                 request.continue_sent = True
 
-        if read_policy == "all":
-            self.read_body(request)
-        elif isinstance(read_policy, int):
-            self.read_body(request, limit=read_policy)
-        elif request.has_body():
+        try:
+            if read_policy == "all":
+                self.read_body(request)
+            elif isinstance(read_policy, int):
+                self.read_body(request, limit=read_policy)
+            elif request.has_body():
+                request.body_complete = False
+        except (OSError, ValueError, ScriptError):
+            # The client went silent or away inside the body: record what arrived, unanswered.
             request.body_complete = False
+            self.finish_record(number, request, 0)
+            raise
 
         fault = step.get("fault")
         status = 0 if fault in ("close", "reset") else int(step.get("status", 200))
@@ -514,7 +559,7 @@ class Handler(socketserver.BaseRequestHandler):
         server = self.server
         number = server.recorder.new_connection()
         sock = self.request
-        sock.settimeout(IDLE_TIMEOUT_SECONDS)
+        sock.settimeout(server.idle_timeout)
         try:
             if server.tls:
                 try:
@@ -570,6 +615,7 @@ def main():
     parser.add_argument("--key")
     parser.add_argument("--openssl", default="openssl")
     parser.add_argument("--no-body-files", action="store_true")
+    parser.add_argument("--idle-timeout", type=float, default=IDLE_TIMEOUT_SECONDS)
     args = parser.parse_args()
 
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
@@ -589,6 +635,7 @@ def main():
     server.routes = [Route(r) for r in script.get("routes", [])]
     server.recorder = Recorder(args.record_dir, not args.no_body_files)
     server.tls = tls
+    server.idle_timeout = args.idle_timeout if args.idle_timeout > 0 else IDLE_TIMEOUT_SECONDS
     port = server.server_address[1]
     if args.port_file:
         temporary = args.port_file + ".tmp"

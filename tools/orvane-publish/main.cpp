@@ -2,6 +2,7 @@
 // command line. Built only on the exported C API, like any user program.
 #include <orvane/OrvaneServer.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
