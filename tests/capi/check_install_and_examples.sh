@@ -76,25 +76,11 @@ url="http://127.0.0.1:$(cat "$work/port")"
 head -c 3000000 /dev/urandom > "$work/sales.qrx"
 sum=$(sha256sum "$work/sales.qrx" | cut -d' ' -f1)
 
-set +e
-"$work/b/publish" > "$work/usage.out" 2>&1
-usage_status=$?
-set -e
-[ $usage_status -eq 2 ] && grep -q '^usage: ' "$work/usage.out" || fail "usage message: $(cat "$work/usage.out")"
-
 # The find_package build finds the installed libraries through its RPATH; the
 # pkg-config one needs the loader told where they are.
 ORVANE_PASSWORD=demo-password "$work/b/publish" "$url" demo "" Samples "$work/sales.qrx" via-cmake
 LD_LIBRARY_PATH=$prefix/lib ORVANE_PASSWORD=demo-password \
   "$work/publish-pc" "$url" demo "" Samples "$work/sales.qrx" via-pkg-config
-set +e
-LD_LIBRARY_PATH=$prefix/lib ORVANE_PASSWORD=wrong "$work/publish-pc" "$url" demo "" Samples "$work/sales.qrx" x \
-  > "$work/refused.out" 2>&1
-refused_status=$?
-set -e
-[ $refused_status -ne 0 ] && grep -qF 'connect failed (code 401): Server Response Code: 401' "$work/refused.out" \
-  || fail "a wrong password was not reported: $(cat "$work/refused.out")"
-
 listing=$("$python" "$source/tools/orvane-reference-server" --list --data-dir "$work/data")
 echo "$listing"
 for name in via-cmake via-pkg-config; do

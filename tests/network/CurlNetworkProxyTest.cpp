@@ -24,11 +24,6 @@ using ::testing::Optional;
 
 namespace {
 
-std::shared_ptr<std::string> Text(const std::string& text)
-{
-    return std::make_shared<std::string>(text);
-}
-
 std::string Host(const TestHttpServer& server)
 {
     return "127.0.0.1:" + std::to_string(server.Port());

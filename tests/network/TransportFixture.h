@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -103,13 +104,15 @@ inline std::string Sha256Hex(const std::string& bytes)
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr);
-    static const char hex[] = "0123456789abcdef";
     std::string out;
-    for (unsigned int i = 0; i < length; ++i) {
-        out += hex[digest[i] >> 4];
-        out += hex[digest[i] & 15];
-    }
+    for (unsigned int i = 0; i < length; ++i)
+        out += "0123456789abcdef"[digest[i] >> 4] + std::string(1, "0123456789abcdef"[digest[i] & 15]);
     return out;
+}
+
+inline std::shared_ptr<std::string> Text(const std::string& text)
+{
+    return std::make_shared<std::string>(text);
 }
 
 // Bytes that are not periodic over any short stretch, so a dropped or repeated block shows.

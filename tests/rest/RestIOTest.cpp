@@ -2,19 +2,16 @@
 #include "rest/RestIOPartBuffer.h"
 #include "rest/RestIOPartFile.h"
 
-#include "rest/RestTestSupport.h"
+#include "tests/rest/RestTestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <limits>
-#include <memory>
-#include <string>
 
 using namespace OrvaneInternal;
-using OrvaneTest::ReadAll;
-using OrvaneTest::TempDir;
+using namespace OrvaneTest;
 
 namespace {
 
@@ -22,7 +19,7 @@ constexpr size_t kAllOnes = std::numeric_limits<size_t>::max();
 
 std::shared_ptr<RestIOPartBuffer> Buffer(const std::string& text)
 {
-    return std::make_shared<RestIOPartBuffer>(std::make_shared<std::string>(text));
+    return std::make_shared<RestIOPartBuffer>(Text(text));
 }
 
 RestIO Body(std::initializer_list<std::string> texts)
@@ -65,26 +62,20 @@ std::string RestIOMessage(Action action)
 
 }  // namespace
 
-TEST(RestIO, ReadWithoutPartsAnswersAllOnes)
-{
-    RestIO body;
-    char byte = 'x';
-    EXPECT_EQ(kAllOnes, body.Read(&byte, 1));
-    EXPECT_EQ(0u, body.GetSize());
-    EXPECT_EQ('x', byte);
-}
-
 TEST(RestIO, ReadCrossesPartsAndKeepsTheLastPartCurrent)
 {
+    RestIO none;
+    char byte = 'x';
+    EXPECT_EQ(kAllOnes, none.Read(&byte, 1));  // no parts: all ones, nothing written
+    EXPECT_EQ('x', byte);
+
     RestIO body = Body({"AB", "CDE"});
     EXPECT_EQ(5u, body.GetSize());
     EXPECT_EQ("ABCD", Take(body, 4));
     EXPECT_EQ(1, body.m_current);
     EXPECT_EQ("E", Take(body, 4));
-    EXPECT_EQ(1, body.m_current);
     EXPECT_EQ("", Take(body, 4));
     EXPECT_EQ(1, body.m_current);
-    EXPECT_EQ("", Take(body, 0));
 }
 
 TEST(RestIO, SeekLandsInsideTheRightPart)
@@ -95,14 +86,10 @@ TEST(RestIO, SeekLandsInsideTheRightPart)
     EXPECT_EQ(1u, Position(body, 0));  // passed over: left on its last byte
     EXPECT_EQ(1u, Position(body, 1));
     EXPECT_EQ("DE", Take(body, 4));
-
-    // Back into the first part: the second, already read, starts over.
-    ASSERT_EQ(0, body.Seek(1));
+    ASSERT_EQ(0, body.Seek(1));  // back into the first part: the second starts over
     EXPECT_EQ(0, body.m_current);
     EXPECT_EQ("BCDE", Take(body, 10));
-
-    // Exactly at a part's end is the next part's start.
-    ASSERT_EQ(0, body.Seek(2));
+    ASSERT_EQ(0, body.Seek(2));  // exactly at a part's end is the next part's start
     EXPECT_EQ("CDE", Take(body, 10));
 }
 
@@ -116,15 +103,9 @@ TEST(RestIO, SeekZeroAfterAFullReadRewindsEveryPartReadSoFar)
         ASSERT_EQ(0, body.Seek(0));
         EXPECT_EQ(0, body.m_current);
         EXPECT_EQ(all, ReadAll(body, {chunk}));
+        ASSERT_EQ(0, body.Seek(3));  // back mid-stream after a full read
+        EXPECT_EQ("DEFGH", ReadAll(body, {chunk}));
     }
-}
-
-TEST(RestIO, SeekBackMidStreamRereadsFromThere)
-{
-    RestIO body = Body({"AB", "CDE", "F", "GH"});
-    EXPECT_EQ("ABCDEF", Take(body, 6));
-    ASSERT_EQ(0, body.Seek(3));
-    EXPECT_EQ("DEFGH", ReadAll(body, {3}));
 }
 
 TEST(RestIO, SeekToTheTotalSizeOrBeyondTakesTheResetPath)
@@ -208,16 +189,15 @@ TEST(RestIOPartBuffer, EqualityWithBoundarySubstitution)
 
 TEST(RestIO, EqualityComparesPartsInOrderAndTheirKinds)
 {
-    TempDir dir;
-    const std::string path = dir.Write("a.qrx", "abc");
+    TempDirectory dir("orv-rest");
+    const std::string path = WriteFile(dir, "a.qrx", "abc");
+    const std::string other = WriteFile(dir, "b.qrx", "abc");
     auto withFile = [&](const std::string& text, const std::string& file) {
         RestIO body;
         body.AddPart(Buffer(text));
         body.AddPart(std::make_shared<RestIOPartFile>(file));
         return body;
     };
-    const std::string other = dir.Write("b.qrx", "abc");
-
     RestIO read = withFile("x", path);
     ReadAll(read);  // positions do not count
     EXPECT_TRUE(withFile("x", path).gmock_equal(read, "", ""));
@@ -228,70 +208,56 @@ TEST(RestIO, EqualityComparesPartsInOrderAndTheirKinds)
     EXPECT_TRUE(RestIO().gmock_equal(RestIO(), "", ""));
 }
 
-TEST(RestIOPartFile, EmptyFileIsDoneAfterTheFirstRead)
+TEST(RestIOPartFile, DoneOnlyAfterAReadHitsTheEnd)
 {
-    TempDir dir;
-    RestIOPartFile part(dir.Write("empty.qrx", ""));
-    EXPECT_EQ(0u, part.GetSize());
-    EXPECT_FALSE(part.Done());
-    char byte = 0;
-    EXPECT_EQ(0u, part.Read(&byte, 1));
-    EXPECT_TRUE(part.Done());
-}
-
-TEST(RestIOPartFile, ExactlyConsumedIsDoneOnlyAfterHittingTheEnd)
-{
-    TempDir dir;
-    RestIOPartFile part(dir.Write("abc.qrx", "abc"));
-    EXPECT_EQ(3u, part.GetSize());
+    TempDirectory dir("orv-rest");
+    RestIOPartFile empty(WriteFile(dir, "empty.qrx", ""));
+    RestIOPartFile part(WriteFile(dir, "abc.qrx", "abc"));
     char bytes[8] = {};
+    EXPECT_EQ(0u, empty.GetSize());
+    EXPECT_FALSE(empty.Done());
+    EXPECT_EQ(0u, empty.Read(bytes, 1));
+    EXPECT_TRUE(empty.Done());
+
+    EXPECT_EQ(3u, part.GetSize());
     EXPECT_EQ(3u, part.Read(bytes, 3));
-    EXPECT_FALSE(part.Done());
+    EXPECT_FALSE(part.Done());  // exactly consumed is not yet done
     EXPECT_EQ(0u, part.Read(bytes, 3));
     EXPECT_TRUE(part.Done());
-
     ASSERT_TRUE(part.Seek(1));
     EXPECT_FALSE(part.Done());
     EXPECT_EQ(2u, part.Read(bytes, sizeof bytes));
     EXPECT_EQ("bc", std::string(bytes, 2));
-    EXPECT_TRUE(part.Done());
     EXPECT_FALSE(part.Seek(kAllOnes));
 }
 
-TEST(RestIOPartFile, MissingFileFailsAtConstruction)
+TEST(RestIOPartFile, MissingOrUnreadableFileFailsWithItsPath)
 {
-    TempDir dir;
-    const std::string path = dir.Write("gone.qrx", "abc");
+    TempDirectory dir("orv-rest");
+    const std::string path = WriteFile(dir, "gone.qrx", "abc");
     ASSERT_EQ(0, std::remove(path.c_str()));
     EXPECT_EQ("Failed to open file: " + path, RestIOMessage([&] { RestIOPartFile part(path); }));
+
+    // A directory opens as a file on some file systems and then fails to read; on others
+    // it already fails to open. Either way the error names it.
+    const std::string folder = dir.File("folder.qrx");
+    ASSERT_TRUE(std::filesystem::create_directory(folder));
+    std::shared_ptr<RestIOPartFile> part;
+    const std::string opening = RestIOMessage([&] { part = std::make_shared<RestIOPartFile>(folder); });
+    char bytes[16];
+    EXPECT_EQ(part ? "Failed to read from file: " + folder : "Failed to open file: " + folder,
+              part ? RestIOMessage([&] { part->Read(bytes, sizeof bytes); }) : opening);
 }
 
 TEST(RestIOPartFile, FileRemovedAfterOpeningStillStreams)
 {
-    TempDir dir;
-    const std::string bytes = OrvaneTest::PatternBytes(100000);
-    const std::string path = dir.Write("doomed.qrx", bytes);
+    TempDirectory dir("orv-rest");
+    const std::string bytes = PatternBytes(100000);
+    const std::string path = WriteFile(dir, "doomed.qrx", bytes);
     RestIO body;
     body.AddPart(std::make_shared<RestIOPartFile>(path));
     ASSERT_EQ(0, std::remove(path.c_str()));
     EXPECT_EQ(bytes, ReadAll(body, {4096, 777}));
-}
-
-TEST(RestIOPartFile, UnreadableFileFailsWithItsPath)
-{
-    // A directory opens as a file on some file systems and then fails to read;
-    // on others it already fails to open. Either way the error names it.
-    TempDir dir;
-    const std::string path = dir.Path("folder.qrx");
-    ASSERT_TRUE(std::filesystem::create_directory(path));
-    std::shared_ptr<RestIOPartFile> part;
-    const std::string opening = RestIOMessage([&] { part = std::make_shared<RestIOPartFile>(path); });
-    if (!part) {
-        EXPECT_EQ("Failed to open file: " + path, opening);
-        return;
-    }
-    char bytes[16];
-    EXPECT_EQ("Failed to read from file: " + path, RestIOMessage([&] { part->Read(bytes, sizeof bytes); }));
 }
 
 TEST(RestIOException, MessageOnlyThroughTheNonConstWhat)
@@ -299,13 +265,9 @@ TEST(RestIOException, MessageOnlyThroughTheNonConstWhat)
     const std::string standard = std::exception().what();
     try {
         throw RestIO::RestIOException("Failed to open file: /x");
-    } catch (const std::exception& e) {
-        EXPECT_EQ(standard, e.what());  // the standard what() is not overridden
-    }
-    try {
-        throw RestIO::RestIOException("Failed to open file: /x");
     } catch (RestIO::RestIOException& e) {
         EXPECT_STREQ("Failed to open file: /x", e.what());
         EXPECT_EQ(standard, static_cast<const RestIO::RestIOException&>(e).what());
+        EXPECT_EQ(standard, static_cast<const std::exception&>(e).what());  // not overridden
     }
 }

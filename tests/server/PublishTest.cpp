@@ -2,6 +2,11 @@
 // the page checks, the paging loop, the file checks and the upload's bytes.
 #include "tests/server/SessionFixture.h"
 
+#include "rest/BufferRequest.h"
+#include "rest/GetRequest.h"
+#include "rest/MultipartRequest.h"
+#include "server/MessageConversion.h"
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -12,15 +17,58 @@ using ProjectMap = std::unordered_map<std::wstring, std::wstring>;
 
 namespace {
 
-std::wstring Wide(const std::string& utf8)
-{
-    return Unicode::ToWideChar(utf8).str();
-}
-
 const char kPublished[] = "<qsResponse><datasource id=\"d\" name=\"n\"><project id=\"p\"/><owner id=\"o\"/>"
                           "<tags><tag label=\"x\"/></tags></datasource></qsResponse>";
 
 }  // namespace
+
+// Message kinds into requests: a GET is always a GET without body, a buffer
+// keeps the message's method, every other kind value is multipart; a missing
+// file fails with the file part's error. Replies come back as the collected bytes.
+TEST_F(SessionTest, ConversionOfMessagesAndReplies)
+{
+    const std::string url = "http://h/\xC3\xA4?q=1", token = "t\xC3\xB6k", xml = "<r a=\"\xE2\x82\xAC\"/>";
+    EXPECT_EQ(nullptr, ConvertReqMsg(AnyMsg(ReqMsg::None, RestRequest::Post)));
+    const auto get = ConvertReqMsg(AnyMsg(ReqMsg::Get, RestRequest::Post));
+    ASSERT_NE(nullptr, dynamic_cast<GetRequest*>(get.get()));
+    EXPECT_EQ(RestRequest::Get, get->m_method);
+    EXPECT_EQ(url + " " + token + " ", get->m_url + " " + get->m_token + " " + get->m_contentType);
+    EXPECT_TRUE(get->m_body.m_parts.empty());
+    for (RestRequest::Method method : {RestRequest::Post, RestRequest::Get}) {
+        const auto buffer = ConvertReqMsg(AnyMsg(ReqMsg::Buffer, method));
+        ASSERT_NE(nullptr, dynamic_cast<BufferRequest*>(buffer.get()));
+        EXPECT_EQ(method, buffer->m_method);
+        EXPECT_EQ(url + " " + token + " text/xml", buffer->m_url + " " + buffer->m_token + " " + buffer->m_contentType);
+        EXPECT_EQ(xml, ReadBody(buffer->m_body));
+    }
+    const std::string bytes("a\0b\r\n", 5);
+    const std::string file = Write("f.qrx", bytes);
+    for (int kind : {3, 7, -1}) {
+        SCOPED_TRACE(kind);
+        const auto request = ConvertReqMsg(AnyMsg(static_cast<ReqMsg::ReqType>(kind), RestRequest::Post, ReqMsg::Xml, Wide(file)));
+        ASSERT_NE(nullptr, dynamic_cast<MultipartRequest*>(request.get()));
+        EXPECT_EQ(RestRequest::Post, request->m_method);
+        EXPECT_EQ(url + " " + token, request->m_url + " " + request->m_token);
+        const std::string boundary = Boundary(request->m_contentType);
+        ASSERT_NE("", boundary) << request->m_contentType;
+        EXPECT_EQ(ExpectedUpload(boundary, xml, "the_file", file, bytes), ReadBody(request->m_body));
+    }
+    try {
+        ConvertReqMsg(AnyMsg(ReqMsg::Multipart, RestRequest::Post, ReqMsg::Xml, L"/nonexistent/d\u00EFr/x.qrx"));
+        ADD_FAILURE() << "converted";
+    } catch (RestIO::RestIOException& e) {
+        EXPECT_STREQ("Failed to open file: /nonexistent/d\xC3\xAFr/x.qrx", e.what());
+    }
+
+    BufferReply reply;
+    EXPECT_EQ("", ConvertRestReply(reply, ReqMsg::Xml));
+    std::string replyBytes("<a>\0\xFF\xFE\xC3</a>\r\n", 13);
+    reply.Write(&replyBytes[0], 4);
+    reply.Write(&replyBytes[4], replyBytes.size() - 4);
+    reply.m_status = 500;  // not looked at here
+    EXPECT_EQ(replyBytes, ConvertRestReply(reply, ReqMsg::Xml));
+    EXPECT_EQ("", ConvertRestReply(reply, ReqMsg::Unknown));
+}
 
 TEST_F(SessionTest, QueryProjectsChecksEachPage)
 {
@@ -104,11 +152,10 @@ TEST_F(SessionTest, QueryProjectsMapsNamesToIds)
 
 TEST_F(SessionTest, PublishPagesToTheProjectAndUploadsTheFile)
 {
-    TempDir dir;
     std::string file("\0head\r\n--not-a-boundary\r\n", 26);
     for (int i = 0; i < 70000; ++i)
         file += static_cast<char>(i * 31 % 251);
-    const std::string path = dir.Write("extr\xC3\xA4kt.qrx", file);
+    const std::string path = Write("extr\xC3\xA4kt.qrx", file);
     const std::wstring dataSource = L"Q1 \"final\" & <more> \u00FC";
     const std::string dataSourceUtf8 = "Q1 \"final\" & <more> \xC3\xBC";
 
@@ -124,12 +171,7 @@ TEST_F(SessionTest, PublishPagesToTheProjectAndUploadsTheFile)
          "http://srv/api/2.0/sites/S/datasources"},
         {"third page",
          {PageReply(1, 250, Numbered("a", 100)), PageReply(2, 250, Numbered("b", 100)),
-          PageReply(3, 250,
-                    [] {
-                        Projects last = Numbered("c", 49);
-                        last.emplace_back("Caf\xC3\xA9", "p&quot;&amp;7");
-                        return last;
-                    }())},
+          PageReply(3, 250, Numbered("c", 49, {{"Caf\xC3\xA9", "p&quot;&amp;7"}}))},
          true,
          "http://srv/api/2.0/sites/S/datasources?overwrite=true"},
     };
@@ -171,15 +213,10 @@ TEST_F(SessionTest, PublishPagesToTheProjectAndUploadsTheFile)
 
 TEST_F(SessionTest, PublishOfAnUnknownProjectReadsEveryPage)
 {
-    TempDir dir;
-    const std::wstring path = Wide(dir.Write("a.qrx", "x"));
+    const std::wstring path = Wide(Write("a.qrx", "x"));
     auto session = Connected();
     Net().Reply(200, PageReply(1, 150, Numbered("p", 100)));
-    Net().Reply(200, PageReply(2, 150, [] {
-                    Projects page = Numbered("q", 49);
-                    page.emplace_back("sales", "1");  // names match case-sensitively
-                    return page;
-                }()));
+    Net().Reply(200, PageReply(2, 150, Numbered("q", 49, {{"sales", "1"}})));  // names match case-sensitively
     EXPECT_EQ("303 Project \"Sales\" doesn't exist on server",
               Outcome([&] { session->PublishExtract(path, L"Sales", L"ds", false); }));
     EXPECT_EQ(2u, Sent().size());
@@ -196,17 +233,16 @@ TEST_F(SessionTest, PublishOfAnUnknownProjectReadsEveryPage)
 
 TEST_F(SessionTest, PublishChecksTheFileFirst)
 {
-    TempDir dir;
     for (const char* name : {"a.qrx", "a.qrx.qrx", ".qrx", "a.QRX", "a.qrx.bak", "noext"})
-        dir.Write(name, "x");
+        Write(name, "x");
     const struct {
         std::string path;
         bool passes;
     } cases[] = {
-        {dir.Path("a.qrx"), true},        {dir.Path("a.qrx.qrx"), true},
-        {dir.Path(".qrx"), true},         {dir.Path("a.QRX"), false},
-        {dir.Path("a.qrx.bak"), false},   {dir.Path("noext"), false},
-        {dir.Path("missing.qrx"), false}, {"", false},
+        {m_dir.File("a.qrx"), true},        {m_dir.File("a.qrx.qrx"), true},
+        {m_dir.File(".qrx"), true},         {m_dir.File("a.QRX"), false},
+        {m_dir.File("a.qrx.bak"), false},   {m_dir.File("noext"), false},
+        {m_dir.File("missing.qrx"), false}, {"", false},
     };
     // Not signed in: a path that passes goes on to the project query, which refuses.
     ServerConnection session;
@@ -223,14 +259,13 @@ TEST_F(SessionTest, PublishChecksTheFileFirst)
     }
     EXPECT_TRUE(Sent().empty());
     EXPECT_EQ("402 Connect must be called first",
-              Outcome([&] { session.PublishExtractInternal(Wide(dir.Path("a.qrx")), L"1", L"d", false); }));
+              Outcome([&] { session.PublishExtractInternal(Wide(m_dir.File("a.qrx")), L"1", L"d", false); }));
     EXPECT_TRUE(Sent().empty());
 }
 
 TEST_F(SessionTest, PublishReplyShapes)
 {
-    TempDir dir;
-    const std::wstring path = Wide(dir.Write("e.qrx", ""));
+    const std::wstring path = Wide(Write("e.qrx", ""));
     const struct {
         int64_t status;
         const char* reply;

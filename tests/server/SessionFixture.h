@@ -1,19 +1,25 @@
-// Shared by the session tests: a started library (without libcurl), the
-// recording transport, the capturing logger and builders for server replies.
+// The session tests' ground: a started library (without libcurl), a recording
+// transport installed through NetworkFactory::s_creator, the capturing logger
+// and builders for server replies.
 #pragma once
 
 #include "tests/server/CapturingLogger.h"
-#include "tests/server/FakeNetwork.h"
+#include "tests/support/ChildProcess.h"
 
+#include "network/CurlNetworkException.h"
+#include "network/INetwork.h"
+#include "network/NetworkFactory.h"
+#include "rest/BufferReply.h"
+#include "rest/RestRequest.h"
+#include "server/MultipartReqMsg.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
 #include "sys/Unicode.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
+#include <algorithm>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -23,51 +29,91 @@
 
 namespace OrvaneTest {
 
-// A scratch directory, removed with its content however the test ends.
-class TempDir {
-public:
-    TempDir()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "orv-server-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("mkdtemp failed");
-        m_path = pattern;
+// Drains a body as libcurl would, in chunk sizes that straddle part edges.
+// A body without parts is left alone: RestIO answers it with all-ones.
+inline std::string ReadBody(OrvaneInternal::RestIO& body)
+{
+    static const size_t kChunks[] = {1, 7, 3, 1000, 13, 65536};
+    std::string out;
+    std::vector<char> buffer(65536);
+    for (size_t call = 0; !body.m_parts.empty() && call < 1000000; ++call) {
+        const size_t want = kChunks[call % 6];
+        const size_t got = body.Read(buffer.data(), want);
+        if (got == 0)
+            return out;
+        if (got > want) {
+            ADD_FAILURE() << "Read gave " << got << " bytes for a chunk of " << want;
+            return out;
+        }
+        out.append(buffer.data(), got);
     }
-    ~TempDir()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+    EXPECT_TRUE(body.m_parts.empty()) << "body did not end";
+    return out;
+}
 
-    std::string Path(const std::string& name) const { return m_path + "/" + name; }
-    // Writes `bytes` to the file `name` (UTF-8) and returns its path.
-    std::string Write(const std::string& name, const std::string& bytes) const
-    {
-        std::ofstream out(Path(name), std::ios::binary | std::ios::trunc);
-        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        if (!out)
-            throw std::runtime_error("cannot write " + Path(name));
-        return Path(name);
-    }
-
-private:
-    std::string m_path;
+struct SentRequest {
+    OrvaneInternal::RestRequest::Method method;
+    std::string url, token, contentType, body;
+    size_t parts;          // 0 for a request without body
+    size_t announcedSize;  // RestIO::GetSize, what the transport would announce
+    std::string proxyUser, proxyPassword;  // the credentials in force when sending
 };
 
-// The boundary out of a multipart content type, or "" when it is malformed:
-// 28 hyphens and 12 lower-case hex digits.
+// Keeps every request as the wire would see it and answers from a scripted queue.
+class FakeNetwork : public OrvaneInternal::INetwork {
+public:
+    void Reply(int64_t status, const std::string& body) { m_script.push_back({false, status, body}); }
+    void Fail(const std::string& curlText) { m_script.push_back({true, 0, curlText}); }
+    void SetProxyCredentials(const std::string& user, const std::string& password) override
+    {
+        m_proxyUser = user;
+        m_proxyPassword = password;
+        ++m_proxyCalls;
+    }
+    void Send(OrvaneInternal::RestRequest& request, OrvaneInternal::RestReply& reply) override
+    {
+        m_sent.push_back({request.m_method, request.m_url, request.m_token, request.m_contentType,
+                          ReadBody(request.m_body), request.m_body.m_parts.size(), request.m_body.GetSize(),
+                          m_proxyUser, m_proxyPassword});
+        if (m_script.empty()) {
+            ADD_FAILURE() << "unscripted request to " << request.m_url;
+            throw OrvaneInternal::CurlNetworkException("unscripted request");
+        }
+        const Step step = m_script.front();
+        m_script.pop_front();
+        if (step.fail)
+            throw OrvaneInternal::CurlNetworkException(step.body);
+        std::string body = step.body;  // delivered in pieces, as libcurl's write callback would
+        for (size_t at = 0; at < body.size(); at += 5)
+            reply.Write(&body[at], std::min<size_t>(5, body.size() - at));
+        dynamic_cast<OrvaneInternal::BufferReply&>(reply).m_status = step.status;
+    }
+    size_t Pending() const { return m_script.size(); }
+
+    std::vector<SentRequest> m_sent;
+    std::string m_proxyUser, m_proxyPassword;
+    int m_proxyCalls = 0;
+
+private:
+    struct Step {
+        bool fail;
+        int64_t status;
+        std::string body;  // the reply body, or the transport's error text
+    };
+    std::deque<Step> m_script;
+};
+
+// The boundary out of a multipart content type, or "" unless it is 28 hyphens
+// and 12 lower-case hex digits.
 inline std::string Boundary(const std::string& contentType)
 {
     const std::string prefix = "multipart/mixed; boundary=";
     if (contentType.compare(0, prefix.size(), prefix) != 0 || contentType.size() != prefix.size() + 40)
         return "";
     const std::string boundary = contentType.substr(prefix.size());
-    if (boundary.find_first_not_of('-') != 28 ||
-        boundary.find_first_not_of("0123456789abcdef", 28) != std::string::npos)
-        return "";
-    return boundary;
+    const bool shaped = boundary.find_first_not_of('-') == 28 &&
+                        boundary.find_first_not_of("0123456789abcdef", 28) == std::string::npos;
+    return shaped ? boundary : "";
 }
 
 // The upload body: XML part, then the file part named `name`.
@@ -97,22 +143,55 @@ inline std::string PageReply(unsigned long page, unsigned long total, const Proj
 }
 
 // `count` projects named prefix0, prefix1, ... with ids id-prefix0, ...
-inline Projects Numbered(const std::string& prefix, int count)
+inline Projects Numbered(const std::string& prefix, int count, const Projects& more = {})
 {
     Projects projects;
     for (int i = 0; i < count; ++i)
         projects.emplace_back(prefix + std::to_string(i), "id-" + prefix + std::to_string(i));
+    projects.insert(projects.end(), more.begin(), more.end());
     return projects;
 }
 
+// A message of any kind, method and reply type, for driving conversion and Send directly.
+class AnyMsg : public OrvaneInternal::MultipartReqMsg {
+public:
+    AnyMsg(ReqType kind, OrvaneInternal::RestRequest::Method method, RepType reply = Xml, const std::wstring& path = L"")
+        : MultipartReqMsg(L"http://h", L"site", L"t\u00F6k", kind, method, reply), m_path(path)
+    {
+    }
+    std::wstring GetUrl() const override { return L"http://h/\u00E4?q=1"; }
+    std::wstring GetXml() const override { return L"<r a=\"\u20AC\"/>"; }
+    std::wstring GetPath() const override { return m_path; }
+    std::string GetFormat() const override { return "the_file"; }
+    std::wstring m_path;
+};
+
+inline std::wstring Wide(const std::string& utf8) { return Unicode::ToWideChar(utf8).str(); }
+
 class SessionTest : public ::testing::Test {
 protected:
-    void SetUp() override { OrvaneInternal::ServerConnection::s_initialized = true; }
-    void TearDown() override { OrvaneInternal::ServerConnection::s_initialized = false; }
+    SessionTest()
+    {
+        OrvaneInternal::NetworkFactory::s_creator = [this] {
+            ++m_created;
+            return std::shared_ptr<OrvaneInternal::INetwork>(m_network);
+        };
+        OrvaneInternal::ServerConnection::s_initialized = true;
+    }
+    ~SessionTest() override
+    {
+        OrvaneInternal::NetworkFactory::s_creator = nullptr;
+        OrvaneInternal::ServerConnection::s_initialized = false;
+    }
 
-    FakeNetwork& Net() { return *m_transport.network; }
-    std::vector<SentRequest>& Sent() { return m_transport.network->m_sent; }
+    FakeNetwork& Net() { return *m_network; }
+    std::vector<SentRequest>& Sent() { return m_network->m_sent; }
     std::vector<std::string> Log() { return m_log.logger->Take(); }
+    std::string Write(const std::string& name, const std::string& bytes)
+    {
+        WriteFileBytes(m_dir.File(name), bytes);
+        return m_dir.File(name);
+    }
 
     // A session signed in to http://srv with token T and site S; the sign-in's
     // traffic and log lines are dropped.
@@ -126,13 +205,14 @@ protected:
         return session;
     }
 
-    FakeNetworkScope m_transport;
+    std::shared_ptr<FakeNetwork> m_network = std::make_shared<FakeNetwork>();
+    int m_created = 0;
     CapturingLoggerScope m_log;
+    TempDirectory m_dir{"orv-server"};
 };
 
-// How a call ended, as text to compare: "ok"; "<code> <message>" for a
-// ServerException; "<type> <what>" for the standard errors that pass through
-// the session unchanged.
+// How a call ended: "ok"; "<code> <message>" for a ServerException; "<type>
+// <what>" for the standard errors that pass through the session unchanged.
 inline std::string Outcome(const std::function<void()>& call)
 {
     try {

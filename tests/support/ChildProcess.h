@@ -58,5 +58,7 @@ private:
 std::string ReadFileBytes(const std::string& path);
 // Writes the file whole; throws std::runtime_error on failure.
 void WriteFileBytes(const std::string& path, const std::string& bytes);
+// The lines of `text` without their "\n" or "\r\n"; no empty last line for a final newline.
+std::vector<std::string> SplitLines(const std::string& text);
 
 }  // namespace OrvaneTest

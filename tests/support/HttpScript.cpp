@@ -6,46 +6,7 @@ namespace OrvaneTest {
 
 namespace {
 
-std::string Base64(const std::string& bytes)
-{
-    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    out.reserve((bytes.size() + 2) / 3 * 4);
-    std::size_t i = 0;
-    for (; i + 2 < bytes.size(); i += 3) {
-        unsigned v = (static_cast<unsigned char>(bytes[i]) << 16) | (static_cast<unsigned char>(bytes[i + 1]) << 8) |
-                     static_cast<unsigned char>(bytes[i + 2]);
-        out += alphabet[(v >> 18) & 63];
-        out += alphabet[(v >> 12) & 63];
-        out += alphabet[(v >> 6) & 63];
-        out += alphabet[v & 63];
-    }
-    if (i + 1 == bytes.size()) {
-        unsigned v = static_cast<unsigned char>(bytes[i]) << 16;
-        out += alphabet[(v >> 18) & 63];
-        out += alphabet[(v >> 12) & 63];
-        out += "==";
-    } else if (i + 2 == bytes.size()) {
-        unsigned v = (static_cast<unsigned char>(bytes[i]) << 16) | (static_cast<unsigned char>(bytes[i + 1]) << 8);
-        out += alphabet[(v >> 18) & 63];
-        out += alphabet[(v >> 12) & 63];
-        out += alphabet[(v >> 6) & 63];
-        out += '=';
-    }
-    return out;
-}
-
-std::string JsonList(const std::vector<std::string>& items)
-{
-    std::string out = "[";
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        out += (i ? ", " : "") + JsonString(items[i]);
-    }
-    return out + "]";
-}
-
-}  // namespace
-
+// JSON string literal of `bytes`; bytes from 0x80 up pass through (the server reads Latin-1).
 std::string JsonString(const std::string& bytes)
 {
     std::string out = "\"";
@@ -65,7 +26,18 @@ std::string JsonString(const std::string& bytes)
     return out + "\"";
 }
 
-Response::Response(int status) : m_status(status) {}
+std::string JsonList(const std::vector<std::string>& items)
+{
+    std::string out = "[";
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        out += (i ? ", " : "") + JsonString(items[i]);
+    }
+    return out + "]";
+}
+
+}  // namespace
+
+Response::Response(int status) { Set("status", std::to_string(status)); }
 
 Response Response::Redirect(int status, const std::string& location)
 {
@@ -81,9 +53,16 @@ Response Response::Challenge(const std::vector<std::string>& wwwAuthenticate, in
     return response;
 }
 
-Response& Response::Reason(const std::string& reason)
+// A later value for a key replaces the earlier one in place.
+Response& Response::Set(const std::string& key, const std::string& json)
 {
-    m_reason = reason;
+    for (auto& field : m_fields) {
+        if (field.first == key) {
+            field.second = json;
+            return *this;
+        }
+    }
+    m_fields.emplace_back(key, json);
     return *this;
 }
 
@@ -93,139 +72,43 @@ Response& Response::Header(const std::string& name, const std::string& value)
     return *this;
 }
 
-Response& Response::Body(const std::string& bytes)
-{
-    m_body = bytes;
-    return *this;
-}
-
+Response& Response::Body(const std::string& bytes) { return Set("body", JsonString(bytes)); }
 Response& Response::Chunked(std::size_t chunkSize)
 {
-    m_framing = "chunked";
-    m_chunkSize = chunkSize;
-    return *this;
+    return Set("framing", "\"chunked\"").Set("chunk_size", std::to_string(chunkSize));
 }
-
-Response& Response::UntilClose()
+Response& Response::AnswerBeforeBody() { return Set("read_body", "\"none\""); }
+Response& Response::ReadBodyBytes(std::uint64_t count) { return Set("read_body", std::to_string(count)); }
+Response& Response::WithoutContinue() { return Set("continue", "\"skip\""); }
+Response& Response::HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds)
 {
-    m_framing = "close";
-    return *this;
+    return Set("hold_at", std::to_string(bytes)).Set("hold_limit", std::to_string(limitSeconds));
 }
-
-Response& Response::NoFraming()
+Response& Response::CloseWithoutAnswer() { return Set("fault", "\"close\""); }
+Response& Response::ResetWithoutAnswer() { return Set("fault", "\"reset\""); }
+Response& Response::TruncateBody(std::size_t sentBytes)
 {
-    m_framing = "none";
-    return *this;
+    return Set("fault", "\"truncate\"").Set("truncate_at", std::to_string(sentBytes));
 }
-
-Response& Response::CloseConnection()
-{
-    m_close = true;
-    return *this;
-}
+Response& Response::OmitLastChunk() { return Set("fault", "\"drop_last_chunk\""); }
 
 Response& Response::RequireBasicAuth(const std::string& user, const std::string& password,
                                      const std::vector<std::string>& challenges, const std::string& challengeBody)
 {
-    m_auth = true;
-    m_user = user;
-    m_password = password;
-    m_challenges = challenges;
-    m_challengeBody = challengeBody;
-    return *this;
-}
-
-Response& Response::AnswerBeforeBody()
-{
-    m_readBody = "\"none\"";
-    return *this;
-}
-
-Response& Response::AnswerThenReadBody()
-{
-    m_readBody = "\"after\"";
-    return *this;
-}
-
-Response& Response::ReadBodyBytes(std::uint64_t count)
-{
-    m_readBody = std::to_string(count);
-    return *this;
-}
-
-Response& Response::WithoutContinue()
-{
-    m_skipContinue = true;
-    return *this;
-}
-
-Response& Response::HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds)
-{
-    m_holdAt = bytes;
-    m_holdLimit = limitSeconds;
-    return *this;
-}
-
-Response& Response::CloseWithoutAnswer()
-{
-    m_fault = "close";
-    return *this;
-}
-
-Response& Response::ResetWithoutAnswer()
-{
-    m_fault = "reset";
-    return *this;
-}
-
-Response& Response::TruncateBody(std::size_t sentBytes)
-{
-    m_fault = "truncate";
-    m_truncateAt = sentBytes;
-    return *this;
-}
-
-Response& Response::OmitLastChunk()
-{
-    m_fault = "drop_last_chunk";
-    return *this;
+    return Set("auth", "{\"user\": " + JsonString(user) + ", \"password\": " + JsonString(password) +
+                           ", \"challenges\": " + JsonList(challenges) + ", \"body\": " + JsonString(challengeBody) +
+                           "}");
 }
 
 std::string Response::ToJson() const
 {
-    std::string out = "{\"status\": " + std::to_string(m_status);
-    if (m_reason) {
-        out += ", \"reason\": " + JsonString(*m_reason);
-    }
-    out += ", \"headers\": [";
+    std::string out = "{\"headers\": [";
     for (std::size_t i = 0; i < m_headers.size(); ++i) {
         out += (i ? ", [" : "[") + JsonString(m_headers[i].first) + ", " + JsonString(m_headers[i].second) + "]";
     }
-    out += "], \"body_base64\": \"" + Base64(m_body) + "\"";
-    if (!m_framing.empty()) {
-        out += ", \"framing\": " + JsonString(m_framing) + ", \"chunk_size\": " + std::to_string(m_chunkSize);
-    }
-    if (m_close) {
-        out += ", \"close\": true";
-    }
-    if (m_readBody) {
-        out += ", \"read_body\": " + *m_readBody;
-    }
-    if (m_skipContinue) {
-        out += ", \"continue\": \"skip\"";
-    }
-    if (!m_fault.empty()) {
-        out += ", \"fault\": " + JsonString(m_fault);
-    }
-    if (m_truncateAt) {
-        out += ", \"truncate_at\": " + std::to_string(*m_truncateAt);
-    }
-    if (m_holdAt) {
-        out += ", \"hold_at\": " + std::to_string(*m_holdAt) + ", \"hold_limit\": " + std::to_string(m_holdLimit);
-    }
-    if (m_auth) {
-        out += ", \"auth\": {\"user\": " + JsonString(m_user) + ", \"password\": " + JsonString(m_password) +
-               ", \"challenges\": " + JsonList(m_challenges) + ", \"body\": " + JsonString(m_challengeBody) + "}";
+    out += "]";
+    for (const auto& [key, json] : m_fields) {
+        out += ", \"" + key + "\": " + json;
     }
     return out + "}";
 }
@@ -251,8 +134,7 @@ std::string Script::ToJson() const
     std::string out = "{\"routes\": [";
     for (std::size_t i = 0; i < m_routes.size(); ++i) {
         const Route& route = m_routes[i];
-        out += i ? ",\n  {" : "\n  {";
-        out += "\"path\": " + JsonString(route.path);
+        out += (i ? ",\n  {\"path\": " : "\n  {\"path\": ") + JsonString(route.path);
         if (!route.method.empty()) {
             out += ", \"method\": " + JsonString(route.method);
         }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,15 +19,11 @@ public:
     // A bare challenge: `status` with one WWW-Authenticate header per entry.
     static Response Challenge(const std::vector<std::string>& wwwAuthenticate, int status = 401);
 
-    Response& Reason(const std::string& reason);
     Response& Header(const std::string& name, const std::string& value);
     Response& Body(const std::string& bytes);
 
-    // Framing of the body; Content-Length is the default.
-    Response& Chunked(std::size_t chunkSize = 0); // 0: the whole body in one chunk
-    Response& UntilClose();                       // no length: the body ends with the connection
-    Response& NoFraming();                        // only the headers given, nothing added
-    Response& CloseConnection();                  // close the connection after this answer
+    // Chunked framing instead of Content-Length; 0: the whole body in one chunk.
+    Response& Chunked(std::size_t chunkSize = 0);
 
     // Answers 401 with `challenges` until a request carries "Authorization: Basic" with these
     // credentials; only the accepted request uses the step up.
@@ -38,7 +33,6 @@ public:
 
     // Request body handling; the default reads the whole body before answering.
     Response& AnswerBeforeBody();        // answer after the head, then drain and close
-    Response& AnswerThenReadBody();      // answer first, then read and record the body
     Response& ReadBodyBytes(std::uint64_t count); // read at most `count` bytes before acting
     Response& WithoutContinue();         // leave "Expect: 100-continue" unanswered
     // Stop reading once `bytes` body bytes have arrived, until TestHttpServer::ReleaseHolds()
@@ -54,24 +48,10 @@ public:
     std::string ToJson() const;
 
 private:
-    int m_status;
-    std::optional<std::string> m_reason;
+    Response& Set(const std::string& key, const std::string& json);
+
+    std::vector<std::pair<std::string, std::string>> m_fields; // key and JSON value, in order
     std::vector<std::pair<std::string, std::string>> m_headers;
-    std::string m_body;
-    std::string m_framing;
-    std::size_t m_chunkSize = 0;
-    bool m_close = false;
-    std::optional<std::string> m_readBody;
-    bool m_skipContinue = false;
-    std::string m_fault;
-    std::optional<std::size_t> m_truncateAt;
-    std::optional<std::uint64_t> m_holdAt;
-    unsigned m_holdLimit = 30;
-    bool m_auth = false;
-    std::string m_user;
-    std::string m_password;
-    std::vector<std::string> m_challenges;
-    std::string m_challengeBody;
 };
 
 // The routes of the test HTTP server. A route matches the request's path (a path holding '?'
@@ -95,8 +75,5 @@ private:
     };
     std::vector<Route> m_routes;
 };
-
-// JSON string literal of `bytes`, quotes included; bytes from 0x80 up pass through unchanged.
-std::string JsonString(const std::string& bytes);
 
 }  // namespace OrvaneTest

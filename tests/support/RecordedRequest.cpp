@@ -36,36 +36,7 @@ HeaderField SplitField(const std::string& line)
     return HeaderField{line.substr(0, colon), Trim(line.substr(colon + 1))};
 }
 
-std::vector<std::string> Lines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        std::string line = text.substr(start, end - start);
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        lines.push_back(line);
-        start = end + 1;
-    }
-    return lines;
-}
-
 }  // namespace
-
-std::optional<std::string> RecordedRequest::HeaderValue(std::string_view name) const
-{
-    for (const auto& field : headers) {
-        if (SameName(field.name, name)) {
-            return field.value;
-        }
-    }
-    return std::nullopt;
-}
 
 std::vector<std::string> RecordedRequest::HeaderValues(std::string_view name) const
 {
@@ -76,6 +47,12 @@ std::vector<std::string> RecordedRequest::HeaderValues(std::string_view name) co
         }
     }
     return values;
+}
+
+std::optional<std::string> RecordedRequest::HeaderValue(std::string_view name) const
+{
+    std::vector<std::string> values = HeaderValues(name);
+    return values.empty() ? std::nullopt : std::optional<std::string>(values.front());
 }
 
 std::string RecordedRequest::Path() const
@@ -89,7 +66,7 @@ RecordedRequest RecordedRequest::Load(const std::string& directory, std::size_t 
     RecordedRequest request;
     request.index = index;
 
-    for (const auto& line : Lines(ReadFileBytes(stem + ".meta"))) {
+    for (const auto& line : SplitLines(ReadFileBytes(stem + ".meta"))) {
         std::size_t blank = line.find(' ');
         std::string key = line.substr(0, blank);
         std::string value = blank == std::string::npos ? std::string() : line.substr(blank + 1);
@@ -109,8 +86,6 @@ RecordedRequest RecordedRequest::Load(const std::string& directory, std::size_t 
             request.continueSent = value == "1";
         } else if (key == "status") {
             request.status = std::stoi(value);
-        } else if (key == "trailer") {
-            request.trailers.push_back(SplitField(value));
         }
     }
     if (request.bodySha256.empty()) {
@@ -118,24 +93,13 @@ RecordedRequest RecordedRequest::Load(const std::string& directory, std::size_t 
     }
 
     request.head = ReadFileBytes(stem + ".head");
-    std::vector<std::string> lines = Lines(request.head);
-    std::size_t first = 0;
-    while (first < lines.size() && lines[first].empty()) {
-        ++first;
+    std::vector<std::string> lines = SplitLines(request.head);
+    if (!lines.empty()) {
+        std::istringstream(lines[0]) >> request.method >> request.target >> request.version;
     }
-    if (first < lines.size()) {
-        std::istringstream requestLine(lines[first]);
-        requestLine >> request.method >> request.target >> request.version;
+    for (std::size_t i = 1; i < lines.size() && !lines[i].empty(); ++i) {
+        request.headers.push_back(SplitField(lines[i]));
     }
-    for (std::size_t i = first + 1; i < lines.size() && !lines[i].empty(); ++i) {
-        const std::string& line = lines[i];
-        if ((line[0] == ' ' || line[0] == '\t') && !request.headers.empty()) {
-            request.headers.back().value += " " + Trim(line);
-        } else {
-            request.headers.push_back(SplitField(line));
-        }
-    }
-
     struct stat info {};
     if (stat((stem + ".body").c_str(), &info) == 0) {
         request.bodyFile = stem + ".body";

@@ -23,7 +23,6 @@ struct RecordedRequest {
     std::string version;
     std::string head;                 // request line and header lines as received, through the blank line
     std::vector<HeaderField> headers; // arrival order, duplicates kept
-    std::vector<HeaderField> trailers;
     bool chunked = false;      // the body came with chunked transfer-encoding (removed from `body`)
     bool bodyComplete = false; // the whole announced body arrived
     std::uint64_t bodyLength = 0;

@@ -1,8 +1,7 @@
 #include "tests/support/TestHttpServer.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-
+#include <algorithm>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
@@ -20,55 +19,12 @@ namespace {
 const std::chrono::milliseconds kStartLimit = std::chrono::seconds(10);
 const std::chrono::milliseconds kPollStep = std::chrono::milliseconds(10);
 
-std::string Python()
-{
-    std::string configured = ORV_PYTHON;
-    return configured.empty() ? "python3" : configured;
-}
-
-std::vector<std::string> ReadLines(const std::string& path)
-{
-    std::vector<std::string> lines;
-    std::string text = ReadFileBytes(path);
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
-bool Exists(const std::string& path)
-{
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0;
-}
-
 }  // namespace
 
 TestHttpServer::TestHttpServer(const Script& script, const ServerOptions& options) : m_dir("orv-http")
 {
-    Start(script.ToJson(), options);
-}
-
-TestHttpServer::TestHttpServer(const std::string& scriptJson, const ServerOptions& options) : m_dir("orv-http")
-{
-    Start(scriptJson, options);
-}
-
-TestHttpServer::~TestHttpServer()
-{
-    m_process.reset();
-}
-
-void TestHttpServer::Start(const std::string& scriptJson, const ServerOptions& options)
-{
-    WriteFileBytes(m_dir.File("script.json"), scriptJson);
-    std::vector<std::string> argv = {Python(),
+    WriteFileBytes(m_dir.File("script.json"), script.ToJson());
+    std::vector<std::string> argv = {std::string(ORV_PYTHON).empty() ? "python3" : ORV_PYTHON,
                                      std::string(ORV_SOURCE_DIR) + "/tests/support/http_test_server.py",
                                      "--script",
                                      m_dir.File("script.json"),
@@ -78,12 +34,9 @@ void TestHttpServer::Start(const std::string& scriptJson, const ServerOptions& o
                                      m_dir.File("port")};
     if (options.tls) {
         m_tls = true;
-        if (options.certificateFile.empty() != options.keyFile.empty()) {
-            throw std::invalid_argument("TestHttpServer: give both a certificate and a key file, or neither");
-        }
-        m_certificateFile = options.certificateFile.empty() ? m_dir.File("cert.pem") : options.certificateFile;
-        std::string key = options.keyFile.empty() ? m_dir.File("key.pem") : options.keyFile;
-        argv.insert(argv.end(), {"--tls", "--cert", m_certificateFile, "--key", key, "--openssl", ORV_OPENSSL});
+        m_certificateFile = m_dir.File("cert.pem");
+        argv.insert(argv.end(), {"--tls", "--cert", m_certificateFile, "--key", m_dir.File("key.pem"), "--openssl",
+                                 ORV_OPENSSL});
     }
     if (!options.storeBodies) {
         argv.push_back("--no-body-files");
@@ -108,6 +61,8 @@ void TestHttpServer::Start(const std::string& scriptJson, const ServerOptions& o
     throw std::runtime_error("test HTTP server wrote no port within 10 s:\n" + Output());
 }
 
+TestHttpServer::~TestHttpServer() = default;
+
 std::string TestHttpServer::BaseUrl() const
 {
     return std::string(m_tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(m_port);
@@ -127,34 +82,23 @@ std::size_t TestHttpServer::RequestCount() const
 {
     // Records are numbered without gaps in order of arrival, but finished in any order.
     std::size_t count = 0;
-    DIR* dir = opendir(m_dir.File("requests").c_str());
-    if (dir == nullptr) {
-        return 0;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(m_dir.File("requests"), ignored)) {
+        count += entry.path().extension() == ".meta" ? 1 : 0;
     }
-    while (dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name.size() > 5 && name.compare(name.size() - 5, 5, ".meta") == 0) {
-            ++count;
-        }
-    }
-    closedir(dir);
     return count;
 }
 
 std::vector<RecordedRequest> TestHttpServer::Requests(bool loadBodies) const
 {
-    const std::string directory = m_dir.File("requests");
-    std::vector<RecordedRequest> requests;
-    std::size_t remaining = RequestCount();
     // A request still being received has a head but no meta yet: it is skipped, not waited for.
-    for (std::size_t index = 1; remaining > 0; ++index) {
-        const std::string stem = directory + "/" + std::to_string(index);
-        if (!Exists(stem + ".head")) {
-            break;
-        }
-        if (Exists(stem + ".meta")) {
-            requests.push_back(RecordedRequest::Load(directory, index, loadBodies));
-            --remaining;
+    std::vector<RecordedRequest> requests;
+    const std::string stem = m_dir.File("requests/");
+    for (std::size_t index = 1, left = RequestCount(); left > 0 && std::filesystem::exists(stem + std::to_string(index) + ".head");
+         ++index) {
+        if (std::filesystem::exists(stem + std::to_string(index) + ".meta")) {
+            requests.push_back(RecordedRequest::Load(m_dir.File("requests"), index, loadBodies));
+            --left;
         }
     }
     return requests;
@@ -170,26 +114,15 @@ std::vector<RecordedRequest> TestHttpServer::WaitForRequests(std::size_t count, 
 
 std::vector<std::string> TestHttpServer::Events() const
 {
-    return ReadLines(m_dir.File("requests/events"));
-}
-
-std::size_t TestHttpServer::ConnectionCount() const
-{
-    std::size_t count = 0;
-    for (const auto& line : Events()) {
-        count += line.rfind("open ", 0) == 0 ? 1 : 0;
-    }
-    return count;
+    return SplitLines(ReadFileBytes(m_dir.File("requests/events")));
 }
 
 bool TestHttpServer::WaitForHold(std::size_t count, std::chrono::milliseconds limit) const
 {
     for (auto waited = std::chrono::milliseconds(0);; waited += kPollStep) {
-        std::size_t held = 0;
-        for (const auto& line : Events()) {
-            held += line.rfind("held ", 0) == 0 ? 1 : 0;
-        }
-        if (held >= count) {
+        const auto events = Events();
+        if (std::count_if(events.begin(), events.end(), [](const std::string& e) { return e.rfind("held ", 0) == 0; }) >=
+            static_cast<std::ptrdiff_t>(count)) {
             return true;
         }
         if (waited >= limit) {

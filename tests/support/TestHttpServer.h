@@ -12,11 +12,8 @@
 namespace OrvaneTest {
 
 struct ServerOptions {
+    // With a self-signed certificate for 127.0.0.1, ::1 and localhost (see CertificateFile()).
     bool tls = false;
-    // PEM files to serve with; both empty: a self-signed certificate for 127.0.0.1, ::1 and
-    // localhost is made for this server (see CertificateFile()).
-    std::string certificateFile;
-    std::string keyFile;
     // False keeps only length and SHA-256 of each body: for uploads of hundreds of MiB.
     bool storeBodies = true;
     // A connection silent this long is dropped; 0 keeps the server's 120 s. A test whose
@@ -33,7 +30,6 @@ class TestHttpServer {
 public:
     // Throws std::runtime_error (with the server's output) when the server does not come up.
     explicit TestHttpServer(const Script& script, const ServerOptions& options = {});
-    explicit TestHttpServer(const std::string& scriptJson, const ServerOptions& options = {});
     ~TestHttpServer();
 
     TestHttpServer(const TestHttpServer&) = delete;
@@ -54,18 +50,14 @@ public:
     // Connection events in order: "open C", "tls-failed C reason", "drained C bytes",
     // "error C what", "io-error C what", "close C".
     std::vector<std::string> Events() const;
-    std::size_t ConnectionCount() const; // connections accepted so far
     // For Response::HoldBodyAt: waits until `count` requests have been held so far (true) or
     // `limit` has passed (false); ReleaseHolds lets every held request, and every later one,
     // read on.
     bool WaitForHold(std::size_t count = 1, std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
     void ReleaseHolds() const;
     std::string Output() const;          // the server's stdout and stderr
-    const std::string& Directory() const { return m_dir.Path(); }
-    int ProcessId() const { return m_process->Pid(); }
 
 private:
-    void Start(const std::string& scriptJson, const ServerOptions& options);
 
     TempDirectory m_dir;
     std::unique_ptr<ChildProcess> m_process;

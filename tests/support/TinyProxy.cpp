@@ -51,21 +51,6 @@ bool Unquotable(const std::string& text)
     return text.find_first_of(" \t\r\n\"'") != std::string::npos;
 }
 
-std::vector<std::string> SplitLines(const std::string& text)
-{
-    std::vector<std::string> lines;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        std::size_t end = text.find('\n', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        lines.push_back(text.substr(start, end - start));
-        start = end + 1;
-    }
-    return lines;
-}
-
 }  // namespace
 
 TinyProxy::TinyProxy(const ProxyOptions& options) : m_dir("orv-proxy")

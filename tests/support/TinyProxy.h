@@ -9,25 +9,18 @@
 namespace OrvaneTest {
 
 struct ProxyOptions {
-    // Non-empty user: the proxy demands these credentials (Basic). Without credentials it
-    // answers "407 Proxy Authentication Required" with "Proxy-Authenticate: Basic
-    // realm="Tinyproxy""; with wrong ones, mind, "401 Unauthorized" with "WWW-Authenticate:
-    // Basic realm="Tinyproxy"", which a client takes for the server's challenge. Both answers
-    // are HTTP/1.0 and close the connection. Neither value may hold blanks or quotes.
+    // Non-empty: the proxy demands these Basic credentials (no blanks or quotes). Without any
+    // it answers 407; with wrong ones, mind, "401 Unauthorized" with a WWW-Authenticate
+    // challenge, which a client takes for the server's. Both answers close the connection.
     std::string user;
     std::string password;
 };
 
-// tinyproxy in the foreground on a free 127.0.0.1 port, with its own configuration and log in
-// a temporary directory, for the life of this object.
-//
-// Proof that a request went through it: a plain-HTTP request reaches the server with the
-// header "Via: 1.1 orv-test-proxy (tinyproxy/<version>)" and "Connection: close" (the
-// absolute-form target rewritten to origin form); an https request is tunnelled with CONNECT
-// and reaches the server unchanged, so look for "CONNECT 127.0.0.1:<port> HTTP/1.1" in
-// RequestLines(). A proxy-authorization header never reaches the server.
-//
-// Point the library at it with ProxyEnvironment (tests/support/ProxyEnvironment.h).
+// tinyproxy on a free 127.0.0.1 port with its own configuration and log, for the life of this
+// object. Proof of passage: a plain-HTTP request reaches the server with "Via: 1.1
+// orv-test-proxy (tinyproxy/<version>)"; an https request is tunnelled, so look for
+// "CONNECT 127.0.0.1:<port> HTTP/1.1" in RequestLines(). Point the library at it with
+// ProxyEnvironment.
 class TinyProxy {
 public:
     static constexpr const char* kViaName = "orv-test-proxy";
@@ -48,7 +41,6 @@ public:
     // Connections it opened to servers on behalf of clients (requests it let through).
     std::size_t ForwardedConnections() const;
     std::string Log() const;
-    int ProcessId() const { return m_process->Pid(); }
 
 private:
     bool TryStart(unsigned short port, const ProxyOptions& options, std::string& failure);
