@@ -1,10 +1,23 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds with warnings as errors, and runs the tests.
-# Usage: tools/check.sh [build-dir]
+# The test command: installs what is missing, builds with warnings as errors
+# and runs the whole suite; then, unless --quick, runs it again under
+# ASan+UBSan (leak detection on), the concurrency tests under TSan, and each
+# libFuzzer harness for 30 seconds. Any failure fails the run.
+# Usage: tools/check.sh [--quick] [build-dir]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+quick=0
+if [ "${1:-}" = "--quick" ]; then quick=1; shift; fi
 build=${1:-build}
-bash tools/install-deps.sh
+jobs=$(nproc)
+
+if [ $quick -eq 1 ]; then bash tools/install-deps.sh; else bash tools/install-deps.sh --fuzz; fi
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORV_WERROR=ON >/dev/null
-cmake --build "$build" -j"$(nproc)"
-ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
+cmake --build "$build" -j"$jobs"
+ctest --test-dir "$build" --output-on-failure -j"$jobs"
+[ $quick -eq 1 ] && exit 0
+
+bash tools/check-sanitizers.sh address
+bash tools/check-sanitizers.sh thread
+bash tools/fuzz.sh 30
+echo "check: all passes green"
