@@ -37,9 +37,9 @@ public:
     bool removeHandle(void* handle);
 
     // Adopts `object` into a std::shared_ptr<T> owned by the registry. False,
-    // and the object not adopted, when its address is registered already. If
-    // making the shared pointer fails, the object is deleted and the error
-    // propagates; the entry keeps a placeholder.
+    // and the object not adopted, when its address is registered already. On
+    // an exception (out of memory) the object has been deleted; if that came
+    // after the insertion, the entry keeps a placeholder.
     template <class T>
     bool registerHandle(T* object);
 
@@ -53,7 +53,13 @@ template <class T>
 bool HandleRepository::registerHandle(T* object)
 {
     scoped_read_lock lock(m_lock);
-    auto inserted = m_handles.insert(Map::value_type(static_cast<void*>(object), boost::any(0)));
+    std::pair<Map::iterator, bool> inserted;
+    try {
+        inserted = m_handles.insert(Map::value_type(static_cast<void*>(object), boost::any(0)));
+    } catch (...) {
+        delete object;  // on any exception the object is gone, never left to the caller
+        throw;
+    }
     if (!inserted.second)
         return false;
     // On allocation failure shared_ptr deletes the object itself and rethrows.

@@ -16,23 +16,17 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j2 --target orvane-publish >/dev/null
 
 work=$(mktemp -d /tmp/orvane-valgrind.XXXXXX)
-server_pid=
+source tools/reference-server.sh
 cleanup() {
-  if [ -n "$server_pid" ]; then kill "$server_pid" 2>/dev/null || true; wait "$server_pid" 2>/dev/null || true; fi
+  stop_reference_server
   rm -rf "$work"
 }
 trap cleanup EXIT
 
-python3 tools/orvane-reference-server --port 0 --port-file "$work/port" --data-dir "$work/data" --quiet &
-server_pid=$!
-for _ in $(seq 100); do [ -s "$work/port" ] && break; sleep 0.1; done
-[ -s "$work/port" ] || { echo "valgrind-demo: the reference server did not start" >&2; exit 1; }
-server="http://127.0.0.1:$(cat "$work/port")"
+start_reference_server "$work"
 
 for name in sales stock returns; do head -c 262144 /dev/urandom > "$work/$name.qrx"; done
 
-# Loopback never goes through a proxy, whatever the environment says.
-export no_proxy="127.0.0.1,localhost${no_proxy:+,$no_proxy}"
 export ORV_SDK_LOGDIR="$work"
 memcheck=(valgrind --leak-check=full --errors-for-leak-kinds=definite,indirect
           --suppressions="$root/tests/sanitizers/valgrind.supp" --num-callers=30)
