@@ -4,6 +4,7 @@
 // to its code and message and anything else to "Unknown error".
 #include <orvane/OrvaneServer.h>
 
+#include "capi/ExportedCall.h"
 #include "capi/ServerAPI.h"
 #include "common/HandleRepository.h"
 #include "server/ServerConnection.h"
@@ -12,6 +13,7 @@
 
 using OrvaneInternal::ServerConnection;
 using OrvaneInternal::ServerException;
+using namespace OrvaneInternal::Exported;
 
 namespace OrvaneInternal {
 
@@ -21,58 +23,6 @@ int OrvHandleClose(void* handle)
 }
 
 }  // namespace OrvaneInternal
-
-namespace {
-
-void SetLastError(const wchar_t* message)
-{
-    try {
-        OrvSetLastErrorMessage(message);
-    } catch (...) {
-        // Out of memory for the message itself: the code still tells the caller.
-    }
-}
-
-template <class Operation>
-ORV_RESULT Guarded(Operation&& operation)
-{
-    try {
-        return operation();
-    } catch (const ServerException& e) {
-        SetLastError(e.getMessage().c_str());
-        return e.getErrorCode();
-    } catch (...) {
-        SetLastError(L"Unknown error");
-        return ORV_RESULT_UnknownError;
-    }
-}
-
-// The first null argument names itself in the last error.
-bool Missing(const void* argument, const wchar_t* message)
-{
-    if (argument != nullptr)
-        return false;
-    SetLastError(message);
-    return true;
-}
-
-// Null, closed or never created; only the registry knows, and the handle is
-// then used as the session's address.
-ServerConnection* Session(void* handle)
-{
-    if (!OrvGetHandleRepository().handleExists(handle) || handle == nullptr) {
-        SetLastError(L"Invalid ServerConnection handle");
-        return nullptr;
-    }
-    return static_cast<ServerConnection*>(handle);
-}
-
-std::wstring Wide(const unsigned short* text)
-{
-    return StringUtils::ToStdString(text);
-}
-
-}  // namespace
 
 extern "C" {
 
