@@ -1,293 +1,175 @@
-// The logger facade, msec, and the file logger with real files.
+// The log file as a user finds it: line format, text, the 1 MiB rule, taken names, rotation,
+// start-up and shutdown lines, many threads, the log directory, and the lock between two processes.
+#include "capi/ServerAPI.h"
+#include "logging/InitializeLogger.h"
 #include "logging/Logger.h"
 #include "logging/SimpleLogger.h"
-#include "logging/msec.h"
-
-#include "logging/LogFileTestSupport.h"
 #include "sys/Errors.h"
 #include "sys/Thread.h"
+#include "tests/support/TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/file.h>
 
 #include <algorithm>
-#include <climits>
-#include <filesystem>
-#include <sstream>
+#include <regex>
 
 using namespace OrvaneInternal;
-using namespace LogFileTest;
+using namespace OrvaneTest;
 using Strings = std::vector<std::string>;
 
 namespace {
 
-class CountingLogger : public Logger {
-public:
-    void Run() override {}
-    void QueueMessage(std::wistream&) override { ++messages; }
-    void QueueMessage(std::istream&) override { ++messages; }
-    void QueueMessage(const std::wstring&) override { ++messages; }
-    void QueueMessage(const std::string&) override { ++messages; }
-    void Flush() override {}
-    void QueueStop() override {}
-    const std::wstring& GetBaseFilePath() const override { return path; }
-    int messages = 0;
-    std::wstring path = L"counting.log";
-};
-
-datetime Make(int year, int month, int day, int hour, int minute, int second, int millisecond)
-{
-    datetime d;
-    d.year = year, d.month = month, d.day = day, d.hour = hour, d.minute = minute, d.second = second;
-    d.millisecond = millisecond;
-    return d;
-}
-
-// A logger on `path`; Drain writes everything queued so far on this thread.
-RefCntPtr<SimpleLogger> Open(const std::string& path, int rotation = 0)
-{
-    return RefCntPtr<SimpleLogger>(new SimpleLogger(Wide(path), rotation));
-}
-void Drain(SimpleLogger& logger)
+std::wstring Wide(const std::string& ascii) { return std::wstring(ascii.begin(), ascii.end()); }
+RefCntPtr<SimpleLogger> Open(const std::string& path, int rotation = 0) { return RefCntPtr<SimpleLogger>(new SimpleLogger(Wide(path), rotation)); }
+void Drain(SimpleLogger& logger)  // writes everything queued so far, on this thread
 {
     logger.QueueStop();
     logger.Run();
 }
-unsigned long ThisThread() { return static_cast<unsigned long>(::gettid()); }
+const std::regex kHeader(R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \((\d{4,})\): )");
+// The payloads of a log's lines, each checked for its header; a last line without newline is kept.
+Strings Payloads(const std::string& path)
+{
+    Strings payloads;
+    for (const std::string& line : SplitLines(ReadFileBytes(path))) {
+        std::smatch header;
+        EXPECT_TRUE(std::regex_search(line, header, kHeader) && header.position(0) == 0) << line;
+        payloads.push_back(line.substr(header.length(0)));
+    }
+    return payloads;
+}
+std::string PidLine(long pid) { return "pid=" + std::to_string(pid) + "----------------------------------"; }
+Strings RunLines(long pid, const Strings& middle)
+{
+    Strings lines{PidLine(pid), "Curl global initialization"};
+    lines.insert(lines.end(), middle.begin(), middle.end());
+    lines.push_back("Curl global cleanup");
+    return lines;
+}
+
+class LogTest : public ::testing::Test {
+protected:
+    // Runs orv_log_child with `args` to its end (killed after 20 s); its pid.
+    long RunChild(const std::vector<std::string>& args)
+    {
+        std::vector<std::string> argv{ORV_LOG_CHILD};
+        argv.insert(argv.end(), args.begin(), args.end());
+        ChildProcess child(argv, m_dir.File("child.out"));
+        WaitUntil([&] { return !child.Running(); }, std::chrono::seconds(20));
+        child.Stop();
+        EXPECT_EQ("exited with status 0", child.ExitDescription()) << ReadFileBytes(m_dir.File("child.out"));
+        return child.Pid();
+    }
+    bool LockedElsewhere(const std::string& path)
+    {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        const bool held = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+        close(fd);
+        return held;
+    }
+    TempDirectory m_dir{"orv-log"};
+    int m_logDir = setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1);
+    const std::string m_base = m_dir.File("OrvaneSDKServer.log"), m_sibling = m_dir.File("OrvaneSDKServer_1.log");
+};
 
 }  // namespace
 
-TEST(Logger, GetBeforeInitYieldsOneLoggerThatDiscardsEverything)
+// Every line of a message gets the message's header: the writer's clock (local or UTC) and the
+// thread that queued it, whichever overload queued it.
+TEST_F(LogTest, EveryLineOfAMessageGetsTheHeaderOfItsThreadAndTime)
 {
-    RefCntPtr<Logger> first = Logger::Get();
-    ASSERT_TRUE(first);
-    std::wistringstream wide(L"x");
-    std::istringstream narrow("x");
-    first->QueueMessage(std::wstring(L"dropped"));
-    first->QueueMessage(std::string("dropped"));
-    first->QueueMessage(wide);
-    first->QueueMessage(narrow);
-    first->Flush();
-    first->QueueStop();
-    first->Run();
-    EXPECT_TRUE(first->GetBaseFilePath().empty());
-    EXPECT_EQ(first.get(), Logger::Get().get());
+    setenv("TZ", "ORV-5:30", 1);  // an offset zone: local time and UTC differ
+    tzset();
+    const std::pair<const char*, Strings> cases[] = {{"first\nsecond", {"first", "second"}}, {"trailing\n", {"trailing"}},
+                                                     {"a\n\nb", {"a", "", "b"}}, {"\n", {""}}, {"", {}}};
+    int file = 0;
+    for (const bool utc : {false, true})
+        for (const auto& [text, lines] : cases)
+            for (int overload = 0; overload < 4; ++overload) {
+                SCOPED_TRACE(std::to_string(overload) + (utc ? " UTC: " : ": ") + text);
+                const std::string path = m_dir.File(std::to_string(file++));
+                SimpleLogger::s_utc = utc;
+                RefCntPtr<SimpleLogger> logger = Open(path);
+                std::string before, after;
+                pid_t caller = 0;
+                std::thread([&] {
+                    const auto stamp = [utc] { return SimpleLogger::FormatHeader(utc ? datetime::utc() : datetime::now(), 0).substr(0, 23); };
+                    caller = gettid(), before = stamp();
+                    std::wistringstream wide(Wide(text));
+                    std::istringstream narrow(text);
+                    overload == 0 ? logger->QueueMessage(Wide(text)) : overload == 1 ? logger->QueueMessage(std::string(text))
+                                  : overload == 2 ? logger->QueueMessage(wide) : logger->QueueMessage(narrow);
+                    after = stamp();
+                }).join();
+                Drain(*logger);
+                SimpleLogger::s_utc = false;
+                EXPECT_EQ(lines, Payloads(path));
+                const std::string content = ReadFileBytes(path);
+                std::smatch header;
+                if (!lines.empty() && std::regex_search(content, header, kHeader)) {
+                    EXPECT_TRUE(before <= header.str(1) && header.str(1) <= after) << header.str(1);
+                    EXPECT_EQ(caller, std::stol(header.str(2)));
+                    EXPECT_EQ(lines.size(), static_cast<std::size_t>(std::count(content.begin(), content.end(), '(')));
+                }
+            }
 }
 
-TEST(Logger, InitInstallsAndReinstallingKeepsTheCount)
+TEST_F(LogTest, TextReachesTheFileAsUtf8)
 {
-    RefCntPtr<CountingLogger> logger(new CountingLogger());
-    Logger::Init(RefCntPtr<Logger>(logger));
-    EXPECT_EQ(2, logger->ReferenceCount());  // ours and the slot's
-    Logger::Init(RefCntPtr<Logger>(logger));
-    EXPECT_EQ(2, logger->ReferenceCount());
-    Logger::Get()->QueueMessage(std::wstring(L"hello"));
-    EXPECT_EQ(1, logger->messages);
-    Logger::Init(RefCntPtr<Logger>());
-    EXPECT_EQ(1, logger->ReferenceCount());
-    EXPECT_TRUE(Logger::Get()->GetBaseFilePath().empty());
-}
-
-TEST(Logger, MsecPrintsThreeDecimalsAndRestoresTheStream)
-{
-    std::ostringstream out;
-    out.setf(std::ios_base::scientific, std::ios_base::floatfield);
-    out.precision(6);
-    const auto flags = out.flags();
-    out << msec(12.5) << ' ' << msec(0.1234) << ' ' << 1234.5;
-    EXPECT_EQ("12.500 0.123 1.234500e+03", out.str());
-    EXPECT_EQ(6, out.precision());
-    EXPECT_EQ(flags, out.flags());
-}
-
-TEST(SimpleLogger, FormatHeaderPadsEveryFieldButTheYear)
-{
+    // Narrow text is widened as signed chars and written back as its bytes; units no encoder takes become U+FFFD.
     const struct {
-        datetime time;
-        unsigned long thread;
-        const char* expected;
+        std::wstring wide;  // used when `narrow` is null
+        const char* narrow;
+        std::string expected;
     } cases[] = {
-        {Make(2016, 5, 11, 22, 3, 9, 42), 140213, "2016-05-11 22:03:09.042 (140213): "},
-        {Make(2024, 1, 2, 3, 4, 5, 6), 7, "2024-01-02 03:04:05.006 (0007): "},
-        {Make(999, 10, 10, 0, 0, 0, 0), 12345, "999-10-10 00:00:00.000 (12345): "},
-        {Make(2030, 1, 1, 0, 0, 0, 100), ULONG_MAX, "2030-01-01 00:00:00.100 (18446744073709551615): "},
+        {L"caf\u00e9 \U0001F600", nullptr, "caf\xC3\xA9 \xF0\x9F\x98\x80"},
+        {L"", "caf\xC3\xA9 \xF0\x9F\x98\x80", "caf\xC3\xA9 \xF0\x9F\x98\x80"},
+        {L"", "bad \xFF\xC3 end\nlatin \xE9t\xE9", "bad \xFF\xC3 end\nlatin \xE9t\xE9"},
+        {std::wstring(L"a") + wchar_t(0xD800) + L"b\nnext", nullptr, "a\xEF\xBF\xBD" "b\nnext"},
+        {std::wstring(L"x") + wchar_t(0x110000), nullptr, "x\xEF\xBF\xBD"},
+        {std::wstring(L"y") + wchar_t(-1), nullptr, "y\xFF"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expected);
-        EXPECT_EQ(c.expected, SimpleLogger::FormatHeader(c.time, c.thread));
-        EXPECT_EQ(Wide(c.expected), SimpleLogger::FormatHeaderW(c.time, c.thread));
-    }
-}
-
-TEST(SimpleLogger, HeaderShowsTheClockAndTheThreadThatLogged)
-{
-    // An offset zone, so that local time and UTC differ and each mode is seen.
-    SetEnv("TZ", std::string("ORV-5:30"));
-    ::tzset();
-    for (bool utc : {false, true}) {
-        SCOPED_TRACE(utc ? "UTC" : "local time");
-        TempDirectory dir("orv-log");
-        SimpleLogger::s_utc = utc;
-        RefCntPtr<SimpleLogger> logger = Open(dir.File("h.log"));
-        datetime before, after;
-        unsigned long caller = 0;
-        std::thread thread([&] {
-            caller = ThisThread();
-            before = utc ? datetime::utc() : datetime::now();
-            logger->QueueMessage(std::string("from a thread"));
-            after = utc ? datetime::utc() : datetime::now();
-        });
-        thread.join();
-        Drain(*logger);  // written by this thread, not the one that logged
-        SimpleLogger::s_utc = false;
-
-        const Strings lines = FileLines(dir.File("h.log"));
-        ASSERT_EQ(1u, lines.size());
-        const std::string header = HeaderOf(lines[0]);
-        EXPECT_TRUE(IsHeader(header)) << lines[0];
-        EXPECT_EQ("from a thread", PayloadOf(lines[0]));
-        EXPECT_EQ(caller, ThreadOf(lines[0]));
-        EXPECT_NE(ThisThread(), caller);
-        // Fixed-width fields compare in time order as text.
-        EXPECT_LE(SimpleLogger::FormatHeader(before, caller), header);
-        EXPECT_GE(SimpleLogger::FormatHeader(after, caller), header);
-    }
-}
-
-TEST(SimpleLogger, ForkedChildShowsItsOwnThreadId)
-{
-    TempDirectory dir("orv-log");
-    RefCntPtr<SimpleLogger> parent = Open(dir.File("parent.log"));
-    parent->QueueMessage(std::string("parent"));
-    Drain(*parent);
-    const pid_t child = ::fork();
-    ASSERT_LE(0, child);
-    if (child == 0) {
-        RefCntPtr<SimpleLogger> logger = Open(dir.File("child.log"));  // the child's only thread: id = pid
-        logger->QueueMessage(std::string("child"));
+        std::remove(m_base.c_str());
+        RefCntPtr<SimpleLogger> logger = Open(m_base);
+        c.narrow ? logger->QueueMessage(std::string(c.narrow)) : logger->QueueMessage(c.wide);
         Drain(*logger);
-        ::_exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(child, ::waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(ThisThread(), ThreadOf(FileLines(dir.File("parent.log")).at(0)));
-    EXPECT_EQ(static_cast<unsigned long>(child), ThreadOf(FileLines(dir.File("child.log")).at(0)));
-}
-
-TEST(SimpleLogger, EveryLineOfAMessageGetsTheMessageHeaderThroughEveryOverload)
-{
-    const struct {
-        const char* text;
-        Strings lines;
-    } cases[] = {
-        {"first\nsecond", {"first", "second"}}, {"trailing newline\n", {"trailing newline"}},
-        {"a\n\nb", {"a", "", "b"}},             {"\n", {""}},
-        {"", {}},
-    };
-    TempDirectory dir("orv-log");
-    int file = 0;
-    for (const auto& c : cases) {
-        for (int overload = 0; overload < 4; ++overload) {
-            SCOPED_TRACE(std::to_string(overload) + ": \"" + c.text + "\"");
-            const std::string path = dir.File(std::to_string(file++) + ".log");
-            RefCntPtr<SimpleLogger> logger = Open(path);
-            std::wistringstream wideStream(Wide(c.text));
-            std::istringstream narrowStream(c.text);
-            switch (overload) {
-            case 0: logger->QueueMessage(Wide(c.text)); break;
-            case 1: logger->QueueMessage(std::string(c.text)); break;
-            case 2: logger->QueueMessage(wideStream); break;
-            default: logger->QueueMessage(narrowStream); break;
-            }
-            Drain(*logger);
-            const std::string content = ReadFileBytes(path);
-            const Strings lines = Lines(content);
-            ASSERT_EQ(c.lines.size(), lines.size()) << content;
-            if (lines.empty())
-                continue;
-            EXPECT_EQ('\n', content.back());
-            const std::string header = HeaderOf(lines[0]);
-            EXPECT_TRUE(IsHeader(header)) << header;
-            for (std::size_t i = 0; i < lines.size(); ++i)
-                EXPECT_EQ(header + c.lines[i], lines[i]);
-        }
+        const Strings payloads = Payloads(m_base);
+        std::string joined;
+        for (const std::string& payload : payloads)
+            joined += (joined.empty() ? "" : "\n") + payload;
+        EXPECT_EQ(c.expected, joined);
     }
 }
 
-TEST(SimpleLogger, TextReachesTheFileAsUtf8)
-{
-    // Narrow text that is not UTF-8 is widened as signed chars (0xFF becomes the
-    // unit -1), which the UTF-8 write turns back into its byte; other units no
-    // encoder accepts become U+FFFD and the rest of the message is kept.
-    const struct {
-        const char* name;
-        std::wstring wide;  // used when `narrow` is null
-        const char* narrow;
-        std::string expected;  // the payloads, newline-separated
-    } cases[] = {
-        {"wide BMP and astral", L"caf\u00e9 \U0001F600", nullptr, "caf\xC3\xA9 \xF0\x9F\x98\x80"},
-        {"narrow UTF-8", L"", "caf\xC3\xA9 \xF0\x9F\x98\x80", "caf\xC3\xA9 \xF0\x9F\x98\x80"},
-        {"narrow invalid bytes", L"", "bad \xFF\xC3 end", "bad \xFF\xC3 end"},
-        {"narrow Latin-1 after UTF-8", L"", "ok \xC3\xA9\nlatin \xE9t\xE9", "ok \xC3\xA9\nlatin \xE9t\xE9"},
-        {"wide lone surrogate", std::wstring(L"a") + wchar_t(0xD800) + L"b\nnext", nullptr, "a\xEF\xBF\xBD" "b\nnext"},
-        {"wide beyond U+10FFFF", std::wstring(L"x") + wchar_t(0x110000), nullptr, "x\xEF\xBF\xBD"},
-        {"wide signed-char unit", std::wstring(L"y") + wchar_t(-1), nullptr, "y\xFF"},
-    };
-    TempDirectory dir("orv-log");
-    int file = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string path = dir.File(std::to_string(file++) + ".log");
-        RefCntPtr<SimpleLogger> logger = Open(path);
-        if (c.narrow)
-            logger->QueueMessage(std::string(c.narrow));
-        else
-            logger->QueueMessage(c.wide);
-        Drain(*logger);
-        std::string payloads;
-        for (const std::string& line : FileLines(path))
-            payloads += (payloads.empty() ? "" : "\n") + PayloadOf(line);
-        EXPECT_EQ(c.expected, payloads);
-    }
-}
-
-TEST(SimpleLogger, ExistingFileIsAppendedUpTo1MiBAndStartedAfreshBeyond)
+TEST_F(LogTest, ExistingFileIsAppendedUpTo1MiBAndStartedAfreshBeyond)
 {
     for (const std::size_t size : {std::size_t(0), std::size_t(1048576), std::size_t(1048577)}) {
         SCOPED_TRACE(size);
-        TempDirectory dir("orv-log");
-        const std::string old(size, 'x');
-        OrvaneTest::WriteFileBytes(dir.File("s.log"), old);
-        RefCntPtr<SimpleLogger> logger = Open(dir.File("s.log"));
+        WriteFileBytes(m_base, std::string(size, 'x'));
+        RefCntPtr<SimpleLogger> logger = Open(m_base);
         logger->QueueMessage(std::string("new line"));
         Drain(*logger);
-        const std::string content = ReadFileBytes(dir.File("s.log"));
-        const std::size_t kept = size <= 1048576 ? size : 0;
-        ASSERT_GE(content.size(), kept);
-        EXPECT_TRUE(content.compare(0, kept, old, 0, kept) == 0);
-        EXPECT_EQ(Strings{"new line"}, Payloads(Lines(content.substr(kept))));
+        const std::string content = ReadFileBytes(m_base), kept(size <= 1048576 ? size : 0, 'x');
+        EXPECT_EQ(kept, content.substr(0, kept.size()));
+        WriteFileBytes(m_dir.File("tail"), content.substr(kept.size()));
+        EXPECT_EQ(Strings{"new line"}, Payloads(m_dir.File("tail")));
     }
 }
 
-TEST(SimpleLogger, TakenNamesFallBackToNinePlacesThenConstructionFailsWithThePath)
+// flock conflicts between two open files of one process as between two processes.
+TEST_F(LogTest, TakenNamesFallBackToNinePlacesThenOpeningFailsWithThePath)
 {
-    TempDirectory dir("orv-log");
-    const std::string base = dir.File("OrvaneSDKServer.log");
-    // flock conflicts between two open files of one process as between two
-    // processes, so each logger here finds the earlier names taken.
     std::vector<RefCntPtr<SimpleLogger>> loggers;
     for (int i = 0; i < 10; ++i) {
-        loggers.push_back(Open(base));
+        loggers.push_back(Open(m_base));
         loggers.back()->QueueMessage("logger " + std::to_string(i));
         Drain(*loggers.back());
-        EXPECT_EQ(Wide(base), loggers.back()->GetBaseFilePath());
-        const std::string name = i == 0 ? base : dir.File("OrvaneSDKServer_" + std::to_string(i) + ".log");
-        EXPECT_EQ(Strings{"logger " + std::to_string(i)}, FilePayloads(name)) << name;
+        EXPECT_EQ(Strings{"logger " + std::to_string(i)}, Payloads(i ? m_dir.File("OrvaneSDKServer_" + std::to_string(i) + ".log") : m_base));
     }
-    const auto expectRefused = [](const std::wstring& path, const std::string& shown) {
+    for (const auto& [path, shown] : {std::make_pair(Wide(m_base), m_base),
+                                      std::make_pair(Wide(m_dir.File("missing")) + L"/\u00e9t\u00e9.log", m_dir.File("missing") + "/\xC3\xA9t\xC3\xA9.log")}) {
         try {
             SimpleLogger logger(path, 0);
             ADD_FAILURE() << "opened " << shown;
@@ -295,70 +177,157 @@ TEST(SimpleLogger, TakenNamesFallBackToNinePlacesThenConstructionFailsWithThePat
             EXPECT_EQ(40463, e.GetStatus());
             EXPECT_EQ("SimpleLogger constructor failed. Couldn't open: '" + shown + "'", std::string(e.what()));
         }
-    };
-    expectRefused(Wide(base), base);
-    EXPECT_FALSE(std::filesystem::exists(dir.File("OrvaneSDKServer_10.log")));
-    expectRefused(Wide(dir.File("missing")) + L"/\u00e9t\u00e9.log", dir.File("missing") + "/\xC3\xA9t\xC3\xA9.log");
-
-    // Releasing a logger releases its name.
-    loggers[0].reset();
-    RefCntPtr<SimpleLogger> again = Open(base);
+    }
+    loggers[0].reset();  // releasing a logger releases its name
+    RefCntPtr<SimpleLogger> again = Open(m_base);
     again->QueueMessage(std::string("again"));
     Drain(*again);
-    EXPECT_EQ((Strings{"logger 0", "again"}), FilePayloads(base));
+    EXPECT_EQ((Strings{"logger 0", "again"}), Payloads(m_base));
 }
 
-TEST(SimpleLogger, MessagesQueuedAfterStopNeverAppear)
+TEST_F(LogTest, MessagesQueuedAfterStopNeverAppear)
 {
-    TempDirectory dir("orv-log");
-    {
-        RefCntPtr<SimpleLogger> logger = Open(dir.File("q.log"));
-        RefCntPtr<Thread> writer(new Thread(RefCntPtr<Runnable>(logger)));
-        writer->Start();
-        logger->QueueMessage(std::string("before the stop"));
-        logger->QueueStop();
-        logger->QueueMessage(std::string("after the stop"));
-        logger->QueueMessage(std::wstring(L"also after the stop"));
-        writer->Join();
-        EXPECT_EQ(Strings{"before the stop"}, FilePayloads(dir.File("q.log")));
-    }
-    // Destroying the logger discards what was left in its queue.
-    EXPECT_EQ(Strings{"before the stop"}, FilePayloads(dir.File("q.log")));
+    RefCntPtr<SimpleLogger> logger = Open(m_base);
+    RefCntPtr<Thread> writer(new Thread(RefCntPtr<Runnable>(logger)));
+    writer->Start();
+    logger->QueueMessage(std::string("before the stop"));
+    logger->QueueStop();
+    logger->QueueMessage(std::string("after the stop"));
+    writer->Join();
+    logger.reset();
+    EXPECT_EQ(Strings{"before the stop"}, Payloads(m_base));
 }
 
-TEST(SimpleLogger, RotationMovesToANewTimeStampedFile)
+TEST_F(LogTest, RotationMovesToANewTimeStampedFile)
 {
-    TempDirectory dir("orv-log");
     const auto start = std::chrono::steady_clock::now();
-    RefCntPtr<SimpleLogger> logger = Open(dir.File("r.log"), 1);
-    EXPECT_EQ(Wide(dir.File("r.log")), logger->GetBaseFilePath());
-    const auto files = [&] {
-        Strings names;
-        for (const auto& entry : std::filesystem::directory_iterator(dir.Path())) {
-            // "r_" then the time stamp's six numbers (and perhaps "_1"), joined by "_".
-            const std::string name = entry.path().filename().string();
-            const std::string stamp = name.substr(2, name.size() - 6);
-            EXPECT_TRUE(name.rfind("r_", 0) == 0 && name.size() > 16 && name.substr(name.size() - 4) == ".log" &&
-                        stamp.find_first_not_of("0123456789_") == std::string::npos &&
-                        std::count(stamp.begin(), stamp.end(), '_') >= 5)
-                << name;
-            names.push_back(name);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    };
-    const Strings first = files();
-    ASSERT_EQ(1u, first.size());
+    RefCntPtr<SimpleLogger> logger = Open(m_dir.File("r.log"), 1);
     logger->QueueMessage(std::string("in the first file"));
     Drain(*logger);
-    // The interval has to pass on the clock; nothing else is awaited here.
-    std::this_thread::sleep_until(start + std::chrono::milliseconds(1100));
+    std::this_thread::sleep_until(start + std::chrono::milliseconds(1100));  // the interval has to pass on the clock
     logger->QueueMessage(std::string("in the second file"));
     Drain(*logger);
+    Strings names;
+    for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path())) {
+        names.push_back(entry.path().filename().string());
+        EXPECT_TRUE(std::regex_match(names.back(), std::regex(R"(r_\d+_\d+_\d+_\d+_\d+_\d+(_\d+)?\.log)"))) << names.back();
+    }
+    std::sort(names.begin(), names.end());  // time stamps sort in time order
+    ASSERT_EQ(2u, names.size());
+    EXPECT_EQ((Strings{"in the first file", "logfile_rotation: closing this log"}), Payloads(m_dir.File(names[0])));
+    EXPECT_EQ((Strings{"logfile_rotation: opening new log", "in the second file"}), Payloads(m_dir.File(names[1])));
+}
 
-    const Strings now = files();
-    ASSERT_EQ(2u, now.size());
-    const std::string second = now[0] == first[0] ? now[1] : now[0];
-    EXPECT_EQ((Strings{"in the first file", "logfile_rotation: closing this log"}), FilePayloads(dir.File(first[0])));
-    EXPECT_EQ((Strings{"logfile_rotation: opening new log", "in the second file"}), FilePayloads(dir.File(second)));
+// Start-up logs the pid, then starts libcurl; Cleanup stops libcurl, then writes every queued line
+// before it returns. A second Initialize does nothing; a restart while the first logger still holds
+// the file goes to the next name.
+TEST_F(LogTest, StartupAndShutdownLines)
+{
+    ServerAPI::Cleanup();  // before any start: nothing at all
+    EXPECT_TRUE(std::filesystem::is_empty(m_dir.Path()));
+    ServerAPI::Initialize();
+    ServerAPI::Initialize();
+    Logger::Get()->QueueMessage(std::wstring(L"first run"));
+    ServerAPI::Cleanup();
+    ServerAPI::Cleanup();
+    Logger::Get()->QueueMessage(std::string("after cleanup"));  // the writer has ended
+    EXPECT_EQ(RunLines(getpid(), {"first run"}), Payloads(m_base));
+    ServerAPI::Initialize();
+    Logger::Get()->QueueMessage(std::string("second run"));
+    ServerAPI::Cleanup();
+    EXPECT_EQ(RunLines(getpid(), {"first run"}), Payloads(m_base));
+    EXPECT_EQ(RunLines(getpid(), {"second run"}), Payloads(m_sibling));
+}
+
+// 8 threads of 10,000 messages, every fourth two lines long: nothing lost, torn or mixed.
+TEST_F(LogTest, EveryLineQueuedBeforeCleanupIsWrittenWhole)
+{
+    constexpr int kThreads = 8, kMessages = 10000;
+    ServerAPI::Initialize();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < kMessages; ++i) {
+                std::string text = "thread " + std::to_string(t) + " line " + std::to_string(i);
+                text += i % 4 == 3 ? "\n" + text + " more" : "";
+                i % 2 ? Logger::Get()->QueueMessage(text) : Logger::Get()->QueueMessage(Wide(text));
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    ServerAPI::Cleanup();
+    const Strings lines = SplitLines(ReadFileBytes(m_base));
+    ASSERT_EQ(std::size_t(kThreads * kMessages * 5 / 4 + 3), lines.size());
+    std::vector<int> next(kThreads, 0);
+    for (std::size_t i = 2; i + 1 < lines.size(); ++i) {
+        int t = -1;
+        std::smatch header;
+        ASSERT_TRUE(std::regex_search(lines[i], header, kHeader) && std::sscanf(header.suffix().str().c_str(), "thread %d", &t) == 1 &&
+                    t >= 0 && t < kThreads) << lines[i];
+        const std::string text = "thread " + std::to_string(t) + " line " + std::to_string(next[t]);
+        ASSERT_EQ(header.str() + text, lines[i]);
+        if (next[t]++ % 4 == 3) {
+            ASSERT_EQ(header.str() + text + " more", lines[++i]);
+        }
+    }
+    EXPECT_EQ(std::vector<int>(kThreads, kMessages), next);
+}
+
+TEST_F(LogTest, LogDirectoryFallsBackToTheCurrentDirectory)
+{
+    TempDirectory cwd("orv-cwd");
+    WriteFileBytes(m_dir.File("plain-file"), "not a directory");
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(cwd.Path());
+    const std::pair<std::optional<std::string>, std::string> cases[] = {{std::nullopt, cwd.Path()}, {"", cwd.Path()},
+        {m_dir.File("missing"), cwd.Path()}, {m_dir.File("plain-file"), cwd.Path()}, {m_dir.Path(), m_dir.Path()}, {m_dir.Path() + "/", m_dir.Path()}};
+    for (const auto& [value, directory] : cases) {
+        SCOPED_TRACE(value.value_or("unset"));
+        value ? setenv("ORV_SDK_LOGDIR", value->c_str(), 1) : unsetenv("ORV_SDK_LOGDIR");
+        ServerAPI::Initialize();
+        ServerAPI::Cleanup();
+        Logger::Init(RefCntPtr<Logger>());  // releases the file
+        const std::string file = directory + "/OrvaneSDKServer.log";
+        EXPECT_EQ(RunLines(getpid(), {}), Payloads(file));
+        std::filesystem::remove(file);
+    }
+    std::filesystem::current_path(previous);
+}
+
+// Whoever holds the base name (a shell with flock, a host later killed) sends the next process to
+// the first numbered name until it is gone.
+TEST_F(LogTest, LockHolderInAnotherProcessSendsTheLogToTheNextName)
+{
+    ChildProcess shell({"/bin/sh", "-c", "exec 9>>\"$0\" && flock -x 9 && exec sleep 60", m_base}, m_dir.File("shell.out"));
+    ASSERT_TRUE(WaitUntil([&] { return LockedElsewhere(m_base); }));
+    const long beside = RunChild({"log", "beside the shell"});
+    EXPECT_EQ(RunLines(beside, {"beside the shell"}), Payloads(m_sibling));
+    shell.Stop();
+    ChildProcess host({ORV_LOG_CHILD, "hold", "holding"}, m_dir.File("host.out"));
+    ASSERT_TRUE(WaitUntil([&] { return ReadFileBytes(m_base).find("holding") != std::string::npos; }));
+    kill(host.Pid(), SIGKILL);
+    ASSERT_TRUE(WaitUntil([&] { return !host.Running(); }));
+    const long after = RunChild({"log", "after the host"});
+    Strings expected{PidLine(host.Pid()), "Curl global initialization", "holding"};
+    for (const std::string& line : RunLines(after, {"after the host"}))
+        expected.push_back(line);
+    EXPECT_EQ(expected, Payloads(m_base));  // the killed host's lines stay; the next process appends
+}
+
+// A host that returns from main without Cleanup still writes its last message, and the program it
+// started holds neither the log nor its lock.
+TEST_F(LogTest, HostEndingWithoutCleanupWritesItsLogAndItsProgramKeepsNoLock)
+{
+    ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0));  // the host's orphan becomes ours to reap
+    const long host = RunChild({"exit", "left without cleanup", m_dir.File("pid"), "sleep", "60"});
+    const pid_t program = static_cast<pid_t>(std::atol(ReadFileBytes(m_dir.File("pid")).c_str()));
+    ASSERT_GT(program, 0);
+    std::shared_ptr<void> reap(nullptr, [program](void*) { kill(program, SIGKILL), waitpid(program, nullptr, 0); });
+    ASSERT_TRUE(WaitUntil([&] { return ReadFileBytes("/proc/" + std::to_string(program) + "/cmdline").rfind("sleep", 0) == 0; }));
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(program) + "/fd")) {
+        std::error_code error;
+        EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(entry.path(), error).string().find("OrvaneSDKServer")) << entry.path();
+    }
+    EXPECT_FALSE(LockedElsewhere(m_base));
+    EXPECT_EQ((Strings{PidLine(host), "Curl global initialization", "left without cleanup"}), Payloads(m_base));
 }
