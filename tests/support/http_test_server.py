@@ -89,7 +89,7 @@ class Handler(socketserver.BaseRequestHandler):
         continued = headers.get("expect", "").lower() == "100-continue" and limit > 0 and step.get("continue") != "skip"
         if continued:
             self.sock.sendall(b"HTTP/1.1 100 Continue\r\n\r\n")
-        got, digest = 0, hashlib.sha256()
+        got, digest, view = 0, hashlib.sha256(), memoryview(bytearray(1 << 20))
         hold_at = step.get("hold_at")
         with open(path("%d.body" % number), "wb") if STORE else open(os.devnull, "wb") as body:
             try:
@@ -99,12 +99,12 @@ class Handler(socketserver.BaseRequestHandler):
                         deadline = time.monotonic() + step.get("hold_limit", 30)
                         while not os.path.exists(path("release")) and time.monotonic() < deadline:
                             time.sleep(0.01)
-                    data = self.rfile.read1(min(limit - got, 1 << 20, hold_at - got if got < (hold_at or 0) else 1 << 20))
-                    if not data:
+                    n = self.rfile.readinto1(view[:min(limit - got, 1 << 20, hold_at - got if got < (hold_at or 0) else 1 << 20)])
+                    if not n:
                         break
-                    body.write(data)
-                    digest.update(data)
-                    got += len(data)
+                    body.write(view[:n])
+                    digest.update(view[:n]) if STORE else None
+                    got += n
             except OSError:
                 pass
         fault = step.get("fault")
