@@ -1,44 +1,12 @@
 #!/usr/bin/env bash
-# libOrvaneServer.so must export the eight API functions and nothing else, and
-# carry a SONAME with its major version.
-# Usage: check_exported_symbols.sh path/to/libOrvaneServer.so
+# libOrvaneServer.so exports the eight API functions as functions and nothing else, and its
+# SONAME libOrvaneServer.so.<major> leads to the library. Usage: check_exported_symbols.sh LIBRARY
 set -euo pipefail
-library=$1
-status=0
-
-expected="OrvServerAPICleanup
-OrvServerAPIInitialize
-OrvServerConnectionClose
-OrvServerConnectionConnect
-OrvServerConnectionCreate
-OrvServerConnectionDisconnect
-OrvServerConnectionPublishExtract
-OrvServerConnectionSetProxyCredentials"
-
-# Defined dynamic symbols, whatever their kind (code, data, weak, unique).
-actual=$(nm -D --defined-only "$library" | awk '{ print $NF }' | sed 's/@.*//' | LC_ALL=C sort)
-if [ "$actual" != "$expected" ]; then
-  echo "exported symbols differ from the eight API functions:"
-  diff <(printf '%s\n' "$expected") <(printf '%s\n' "$actual") || true
-  status=1
-fi
-for name in $expected; do
-  if ! nm -D --defined-only "$library" | grep -q " T $name\$"; then
-    echo "$name is not exported as a function"
-    status=1
-  fi
-done
-
-soname=$(readelf -d "$library" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')
-case "$soname" in
-  libOrvaneServer.so.[0-9]*) ;;
-  *) echo "SONAME is '$soname', not libOrvaneServer.so.<major>"; status=1 ;;
-esac
-# The file the SONAME names must be the one the linker's name leads to.
-directory=$(dirname "$library")
-if [ "$(readlink -f "$directory/$soname")" != "$(readlink -f "$library")" ]; then
-  echo "$directory/$soname does not lead to $library"
-  status=1
-fi
-[ $status -eq 0 ] && echo "exports: the eight API functions; SONAME $soname"
-exit $status
+expected="OrvServerAPICleanup OrvServerAPIInitialize OrvServerConnectionClose OrvServerConnectionConnect \
+OrvServerConnectionCreate OrvServerConnectionDisconnect OrvServerConnectionPublishExtract OrvServerConnectionSetProxyCredentials"
+actual=$(nm -D --defined-only "$1" | awk '{ sub(/@.*/, "", $3); print $2 " " $3 }' | LC_ALL=C sort | tr '\n' ' ')
+[ "$actual" = "$(printf 'T %s ' $expected)" ] || { echo "exports differ: $actual"; exit 1; }
+soname=$(readelf -d "$1" | sed -n 's/.*Library soname: \[\(.*\)\]/\1/p')
+[[ "$soname" == libOrvaneServer.so.[0-9]* ]] || { echo "SONAME is '$soname'"; exit 1; }
+[ "$(readlink -f "$(dirname "$1")/$soname")" = "$(readlink -f "$1")" ] || { echo "$soname does not lead to $1"; exit 1; }
+echo "exports: the eight API functions; SONAME $soname"
