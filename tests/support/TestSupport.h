@@ -1,6 +1,6 @@
-// The test peers and helpers, written once: scratch directories, child processes, the scripted
-// HTTP(S) server (http_test_server.py) and its records, tinyproxy, the proxy environment, pattern
-// bytes, SHA-256, the multipart layout, odd-chunk reads, bounded waits, and the exported-API helpers.
+// The test peers and helpers, written once: scratch directories, child processes, the scripted HTTP(S)
+// server (http_test_server.py), tinyproxy, the proxy environment, pattern bytes, the multipart layout,
+// odd-chunk reads, bounded waits, and the exported-API helpers.
 #pragma once
 
 #include <orvane/OrvaneServer.h>
@@ -8,7 +8,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <openssl/evp.h>
 #include <signal.h>
 #include <strings.h>
 #include <sys/prctl.h>
@@ -58,16 +57,6 @@ inline std::string Bytes(std::size_t size, unsigned seed)
         c = static_cast<char>(generator());
     return out;
 }
-inline std::string Sha256Hex(const std::string& bytes)
-{
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr);
-    std::string out;
-    for (unsigned int i = 0; i < length; ++i)
-        out += std::string(1, "0123456789abcdef"[digest[i] >> 4]) + "0123456789abcdef"[digest[i] & 15];
-    return out;
-}
 // The upload body with boundary `b` around the file's bytes: XML part "request_payload", then file part `field`.
 inline std::pair<std::string, std::string> MultipartFraming(const std::string& b, const std::string& xml, const std::string& field,
                                                             const std::string& path)
@@ -101,18 +90,14 @@ public:
         if (mkdtemp(m_path.data()) == nullptr)
             throw std::runtime_error("mkdtemp " + m_path);
     }
-    ~TempDirectory()
-    {
-        std::error_code ignored;
-        if (std::getenv("ORV_KEEP_TEST_FILES") == nullptr)
-            std::filesystem::remove_all(m_path, ignored);
-    }
+    ~TempDirectory() { std::getenv("ORV_KEEP_TEST_FILES") ? 0 : std::filesystem::remove_all(m_path, m_error); }
     TempDirectory(const TempDirectory&) = delete;
     const std::string& Path() const { return m_path; }
     std::string File(const std::string& name) const { return m_path + "/" + name; }
 
 private:
     std::string m_path;
+    std::error_code m_error;
 };
 
 // A helper program (argv[0] with a '/' or on PATH), its output to a file; it gets SIGTERM when the
@@ -198,11 +183,9 @@ public:
     static std::string Json(const std::string& bytes)
     {
         std::string out = "\"";
-        for (unsigned char c : bytes) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += c == '"' || c == '\\' || c < 0x20 ? std::string(escaped) : std::string(1, char(c));
-        }
+        char escaped[8];
+        for (unsigned char c : bytes)
+            out += c == '"' || c == '\\' || c < 0x20 ? (std::snprintf(escaped, 8, "\\u%04x", c), escaped) : std::string(1, char(c));
         return out + "\"";
     }
 
