@@ -34,7 +34,10 @@ std::vector<Call> HandleCalls(const std::string& kind, void* h, ORV_RESULT resul
             {kind + " disconnect", [=] { return OrvServerConnectionDisconnect(h); }, result, error},
             {kind + " proxy", [=] { return OrvServerConnectionSetProxyCredentials(h, e, e); }, result, error}};
 }
-using ExportedApiTest = StartedTest;
+class ExportedApiTest : public StartedTest {
+protected:
+    Connection m_c;
+};
 using StartupApiTest = LibraryTest;
 
 }  // namespace
@@ -173,59 +176,44 @@ TEST_F(ExportedApiTest, PublishesToTheReferenceServerByteForByte)
     }
 }
 
-// Neither password reaches the log in any form, whatever becomes of the sign-in: accepted,
-// refused, failed, challenged, or refused by a proxy that wants its credentials.
+// Neither password reaches the log in any form, whatever becomes of the sign-in: accepted, refused,
+// cut off, challenged, answered with proxy credentials, refused by a proxy that wants its own.
 TEST_F(ExportedApiTest, PasswordsNeverReachTheLog)
 {
-    const std::u16string password = u"Zq8-h1dden-\u00fc\u20ac\U0001D11E", proxyPassword = u"Kx3-pr0xy-\u00df\u2713";
-    const std::string passwordUtf8 = u8"Zq8-h1dden-\u00fc\u20ac\U0001D11E", proxyUtf8 = u8"Kx3-pr0xy-\u00df\u2713", relay = "Tp5-r3lay-s3cret";
+    const std::u16string password = u"Zq8-h1dden-\u00fc\u20ac\U0001D11E", proxyPassword = u"Kx3-pr0xy-\u00df\u2713", relay = u"Tp5-r3lay-s3cret";
     TestHttpServer accepting(PublishScript({Response(201).Body(kPublishReply)}));
-    TestHttpServer refusing(Script().Sequence("/api/2.0/auth/signin", {Response(401).Body("<error code=\"401001\"/>"),
-        Response(200).CloseWithoutAnswer(), Response(200).Body(kSignInReply).RequireBasicAuth("relay", proxyUtf8)}));
-    TinyProxy proxy(ProxyOptions{"relay", relay});  // it takes ASCII only
-    const auto connect = [&](const TestHttpServer& server, std::set<ORV_RESULT> expected) {
-        return std::pair([&, url = server.BaseUrl()](Connection& c) {
-            return OrvServerConnectionConnect(c.Handle(), U(url).c_str(), U("reporter").c_str(), Utf16(password.begin(), password.end()).c_str(), U("").c_str());
-        }, expected);
+    TestHttpServer refusing(Script().Sequence("/api/2.0/auth/signin", {Response(401), Response(200).CloseWithoutAnswer(),
+        Response(200).Body(kSignInReply).RequireBasicAuth("relay", u8"Kx3-pr0xy-\u00df\u2713")}));
+    TinyProxy proxy(ProxyOptions{"relay", "Tp5-r3lay-s3cret"});  // it takes ASCII only
+    const auto connect = [&](const TestHttpServer& server) {
+        return [&, url = server.BaseUrl()] { return OrvServerConnectionConnect(m_c.Handle(), U(url).c_str(), U("reporter").c_str(), (const unsigned short*)password.c_str(), U("").c_str()); };
     };
-    const auto proxyCredentials = [](const std::u16string& secret) {
-        return std::pair([secret](Connection& c) {
-            return OrvServerConnectionSetProxyCredentials(c.Handle(), U("relay").c_str(), Utf16(secret.begin(), secret.end()).c_str());
-        }, std::set<ORV_RESULT>{ORV_RESULT_Success});
+    const auto proxyCredentials = [&](const std::u16string& secret) {
+        return [&, secret] { return OrvServerConnectionSetProxyCredentials(m_c.Handle(), U("relay").c_str(), (const unsigned short*)secret.c_str()); };
     };
     const std::string extract = Extract("secret.qrx", "extract bytes");
-    const auto publish = std::pair([&](Connection& c) { return c.Publish(extract, "Sales", "secret", 1); }, std::set<ORV_RESULT>{ORV_RESULT_Success});
-    using Step = std::pair<std::function<ORV_RESULT(Connection&)>, std::set<ORV_RESULT>>;
-    const auto run = [](const std::vector<Step>& steps) {
-        Connection c;
-        ASSERT_EQ(ORV_RESULT_Success, c.Create());
-        for (std::size_t i = 0; i < steps.size(); ++i) {
-            const ORV_RESULT result = steps[i].first(c);
-            EXPECT_EQ(1u, steps[i].second.count(result)) << "step " << i << ": " << result << " " << LastError();
-        }
-    };
-    run({connect(accepting, {ORV_RESULT_Success}), publish, connect(refusing, {401}), connect(refusing, {400}),
-         connect(refusing, {401}), proxyCredentials(proxyPassword), connect(refusing, {ORV_RESULT_Success})});
-    {
-        // The proxy's refusals close the connection under the body: libcurl sees one or the other.
-        ProxyEnvironment viaProxy(proxy.Url());
-        run({connect(accepting, {400, 401}), proxyCredentials(proxyPassword), connect(accepting, {400, 401}),
-             proxyCredentials(std::u16string(relay.begin(), relay.end())), connect(accepting, {ORV_RESULT_Success}), publish});
-        EXPECT_GE(proxy.ForwardedConnections(), 2u);
+    const auto publish = [&] { return m_c.Publish(extract, "Sales", "secret", 1); };
+    const std::vector<std::pair<std::function<ORV_RESULT()>, std::set<ORV_RESULT>>> steps{{connect(accepting), {0}}, {publish, {0}},
+        {connect(refusing), {401}}, {connect(refusing), {400}}, {connect(refusing), {401}}, {proxyCredentials(proxyPassword), {0}},
+        {connect(refusing), {0}}, {[&] { return m_c.Close(), m_c.Create(); }, {0}}, {[&] { return setenv("http_proxy", proxy.Url().c_str(), 1) + unsetenv("no_proxy"); }, {0}},
+        {connect(accepting), {400, 401}}, {proxyCredentials(relay), {0}}, {connect(accepting), {0}}, {publish, {0}}};  // the proxy's
+    ASSERT_EQ(ORV_RESULT_Success, m_c.Create());
+    for (std::size_t i = 0; i < steps.size(); ++i) {  // refusals close the connection under the body: one or the other
+        const ORV_RESULT result = steps[i].first();
+        EXPECT_EQ(1u, steps[i].second.count(result)) << "step " << i << ": " << result << " " << LastError();
     }
+    EXPECT_GE(proxy.ForwardedConnections(), 2u);
     // The secrets did go out, so their absence from the log means something.
-    EXPECT_NE(std::string::npos, accepting.Requests().at(0).body.find("password=\"" + passwordUtf8 + "\""));
+    EXPECT_NE(std::string::npos, accepting.Requests().at(0).body.find(u8"password=\"Zq8-h1dden-\u00fc\u20ac\U0001D11E\""));
     const std::string log = StopAndReadLog();
     ASSERT_NE(std::string::npos, log.find("): Server returned nothing (no headers, no data)\n")) << log;
-    for (const std::string& secret : {passwordUtf8, proxyUtf8, relay}) {
-        std::string core = secret.substr(0, 9), utf16, percent;
+    for (const std::u16string& secret : {password, proxyPassword, relay}) {
+        std::string core(secret.begin(), secret.begin() + 9), utf16, percent;  // and the ASCII core in other forms
         for (char c : core)
-            utf16 += std::string(1, c) + '\0';
-        for (unsigned char c : secret)
-            percent += "%" + std::string(1, "0123456789ABCDEF"[c >> 4]) + "0123456789ABCDEF"[c & 15];
-        // Also no Basic credentials of either user: base64 of "reporter:" and of "relay:".
+            utf16 += std::string(1, c) + '\0', percent += "%" + std::string(1, "0123456789ABCDEF"[c >> 4]) + "0123456789ABCDEF"[c & 15];
+        // Nor Basic credentials of either user: base64 of "reporter:" and of "relay:".
         for (const std::string& form : {core, utf16, percent, std::string("cmVwb3J0ZXI6"), std::string("cmVsYXk6")})
-            EXPECT_EQ(std::string::npos, log.find(form)) << secret << " as " << form;
+            EXPECT_EQ(std::string::npos, log.find(form)) << form;
     }
 }
 
