@@ -217,6 +217,28 @@ TEST_F(ExportedApiTest, PasswordsNeverReachTheLog)
     }
 }
 
+// The system proxy as Qt finds it, read afresh for every request: a host named in no_proxy goes
+// direct, others through the proxy; https is tunnelled, and a self-signed server is refused: the
+// platform's certificate stores are empty, so libcurl's own bundle decides.
+TEST_F(ExportedApiTest, SystemProxyAndTls)
+{
+    TestHttpServer plain(PublishScript({})), tls(Script(), {true, true, 0});
+    TinyProxy proxy;
+    ASSERT_EQ(ORV_RESULT_Success, m_c.Create());
+    for (const char* noProxy : {"127.0.0.1", ""}) {
+        ProxyEnvironment environment(proxy.Url(), noProxy);
+        EXPECT_EQ(ORV_RESULT_Success, m_c.Connect(plain.BaseUrl(), "u", "p")) << LastError();
+        EXPECT_EQ(!*noProxy, plain.Requests().back().HeaderValue("Via").value_or("").find("orv-test-proxy") != std::string::npos);
+        EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionDisconnect(m_c.Handle()));
+    }
+    ProxyEnvironment environment(proxy.Url());
+    EXPECT_EQ(400, m_c.Connect(tls.BaseUrl(), "u", "p"));
+    EXPECT_EQ("SSL peer certificate or SSH remote key was not OK", LastError());
+    EXPECT_EQ((std::vector<std::string>{"POST " + plain.Url("/api/2.0/auth/signin") + " HTTP/1.1", "CONNECT 127.0.0.1:" +
+                                        std::to_string(tls.Port()) + " HTTP/1.1"}), proxy.RequestLines());
+    EXPECT_EQ(0u, tls.RequestCount());
+}
+
 // Sixteen threads run fifty cycles of create, connect, publish, disconnect and close each, while
 // two more call with a null and an unknown handle.
 TEST_F(ExportedApiTest, SixteenThreadsPublishWhileBadHandlesAreRefused)

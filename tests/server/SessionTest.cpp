@@ -119,19 +119,6 @@ protected:
         session->Connect(L"http://srv", L"alice", L"pw", L"");
         return Sent(), Log(), std::move(session);
     }
-    // The upload "POST url|T|multipart/mixed; boundary=B|body" with B 28 hyphens and 12 lower-case hex digits.
-    static std::string Upload(const std::string& url, const std::string& boundary, const std::string& xml, const std::string& path,
-                              const std::string& file)
-    {
-        const auto framing = MultipartFraming(boundary, xml, "orvane_datasource", path);
-        return "POST " + url + "|T|multipart/mixed; boundary=" + boundary + "|" + framing.first + file + framing.second;
-    }
-    static std::string BoundaryOf(const std::string& sent)
-    {
-        const std::size_t at = sent.find("boundary=") + 9;
-        const std::string b = sent.substr(at, 40);
-        return b.find_first_not_of('-') == 28 && b.find_first_not_of("0123456789abcdef", 28) == std::string::npos && sent[at + 40] == '|' ? b : "";
-    }
 
     std::shared_ptr<FakeNetwork> m_net = std::make_shared<FakeNetwork>();
     RefCntPtr<CapturingLogger> m_logger{new CapturingLogger()};
@@ -164,26 +151,22 @@ TEST_F(SessionTest, SignInRequestAndTheRequestsAfterIt)
     EXPECT_EQ("GET http://srv/api/2.0/sites/site-1/projects?pageSize=100&pageNumber=1|tok\xC3\xA9n||", Sent().back());
 }
 
+// Replies of other shapes (the parsers' robustness is fuzzed): not XML is 300, another document 403.
 TEST_F(SessionTest, SignInReplyShapes)
 {
-    const std::tuple<const char*, const char*, const wchar_t*> cases[] = {  // reply, outcome, token and site id
-        {"<qsResponse><credentials><site/></credentials></qsResponse>", "ok", L"|"},
+    const std::tuple<const char*, const char*, const wchar_t*> cases[] = {  // reply, outcome, token|site id
         {"<qsResponse/>", "ok", L"|"},
         {"<qsResponse><credentials token=\"A\"/><credentials token=\"B\"><site id=\"\xE2\x82\xAC\"/></credentials></qsResponse>", "ok", L"B|\u20AC"},
-        {"Service unavailable", "300 ", L"|"},
         {"<qsResponse><credentials token=\"T\">", "300 ", L"|"},
         {"<error code=\"401\">Signin failed</error>", "403 ", L"|"},
-        {"<qsResponse><site id=\"S\"/></qsResponse>", "403 ", L"|"},
         {"<qsResponse><credentials><site><x/></site></credentials></qsResponse>", "403 ", L"|"},
-        {"<bad><", "403 ", L"|"},  // the handler's refusal comes before the syntax error
     };
     for (const auto& [reply, outcome, state] : cases) {
-        SCOPED_TRACE(reply);
         ServerConnection session;
         Reply(200, reply);
-        EXPECT_EQ(outcome, Outcome([&, &s = session] { s.Connect(L"http://srv/", L"u", L"p", L""); }));
+        EXPECT_EQ(outcome, Outcome([&, &s = session] { s.Connect(L"http://srv/", L"u", L"p", L""); })) << reply;
+        EXPECT_EQ(state, session.GetToken() + L"|" + session.GetSiteId()) << reply;
         EXPECT_EQ(std::string(outcome) == "ok", session.IsConnected());
-        EXPECT_EQ(state, session.GetToken() + L"|" + session.GetSiteId());
     }
 }
 
@@ -305,8 +288,12 @@ TEST_F(SessionTest, PublishPagesToTheProjectAndUploadsTheFile)
             expected.push_back(kPages + std::to_string(i) + "|T||");
         const Strings sent = Sent();
         // The id arrives unescaped from the reply and goes out unescaped again.
-        expected.push_back(Upload(std::string("http://srv/api/2.0/sites/S/datasources") + (overwrite ? "?overwrite=true" : ""),
-                                  BoundaryOf(sent.back()), xml, path, file));
+        // The boundary: 28 hyphens and 12 lower-case hex digits.
+        const std::string b = sent.back().substr(sent.back().find("boundary=") + 9, 40);
+        EXPECT_TRUE(b.find_first_not_of('-') == 28 && b.find_first_not_of("0123456789abcdef", 28) == std::string::npos) << b;
+        const auto framing = MultipartFraming(b, xml, "orvane_datasource", path);
+        expected.push_back("POST http://srv/api/2.0/sites/S/datasources" + std::string(overwrite ? "?overwrite=true" : "") +
+                           "|T|multipart/mixed; boundary=" + b + "|" + framing.first + file + framing.second);
         EXPECT_TRUE(expected == sent) << "pages " << pages.size();
         EXPECT_EQ(Strings({"W Querying projects...", "W Publishing extract: " + path, "W Project name      : Caf\xC3\xA9",
                            "W Data source name  : " + name}), Log());
@@ -337,29 +324,3 @@ TEST_F(SessionTest, PublishChecksTheFileBeforeAnything)
     EXPECT_TRUE(Sent().empty());
 }
 
-TEST_F(SessionTest, PublishReplyShapes)
-{
-    const std::string path = m_dir.File("e.qrx");
-    WriteFileBytes(path, "");
-    const std::tuple<int64_t, const char*, const char*> cases[] = {
-        {200, "<qsResponse/>", "ok"},
-        {200, "<qsResponse><datasource><tags><tag/><tag/></tags><tags/></datasource></qsResponse>", "ok"},
-        {200, "<qsResponse><datasource><owner><tag/></owner></datasource></qsResponse>", "ok"},  // judged by depth only
-        {200, "Created", "300 "},
-        {200, "<qsResponse><datasource>", "300 "},
-        {200, "<qsResponse><project/></qsResponse>", "403 "},
-        {200, "<qsResponse><datasource><tags><tag><x/></tag></tags></datasource></qsResponse>", "403 "},
-        {200, "<error code=\"409093\"/>", "403 "},
-        {409, "<error code=\"409093\"/>", "401 Server Response Code: 409"},
-    };
-    auto session = Connected();
-    for (const auto& [status, reply, outcome] : cases) {
-        SCOPED_TRACE(reply);
-        Reply(status, reply);
-        EXPECT_EQ(outcome, Outcome([&] { session->PublishExtractInternal(Wide(path), L"7", L"d", false); }));
-        const Strings sent = Sent();
-        EXPECT_EQ(Upload("http://srv/api/2.0/sites/S/datasources", BoundaryOf(sent.at(0)),
-                         "<qsRequest><datasource name=\"d\" ><project id=\"7\" /></datasource></qsRequest>", path, ""), sent.at(0));
-        EXPECT_TRUE(session->IsConnected());
-    }
-}
