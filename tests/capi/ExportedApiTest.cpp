@@ -222,7 +222,7 @@ TEST_F(ExportedApiTest, PasswordsNeverReachTheLog)
 // platform's certificate stores are empty, so libcurl's own bundle decides.
 TEST_F(ExportedApiTest, SystemProxyAndTls)
 {
-    TestHttpServer plain(PublishScript({})), tls(Script(), {true, true, 0});
+    TestHttpServer plain(PublishScript({})), tls(Script(), {true, true});
     TinyProxy proxy;
     ASSERT_EQ(ORV_RESULT_Success, m_c.Create());
     for (const char* noProxy : {"127.0.0.1", ""}) {

@@ -159,7 +159,6 @@ public:
         return *this;
     }
     Response& Body(const std::string& bytes) { return Set("body", Json(bytes)); }
-    Response& Chunked(std::size_t chunkSize = 0) { return Set("framing", "\"chunked\"").Set("chunk_size", std::to_string(chunkSize)); }
     // Answers 401 with one challenge until a request brings these Basic credentials.
     Response& RequireBasicAuth(const std::string& user, const std::string& password,
                                const std::string& challenge = "Basic realm=\"orvane-test\"")
@@ -169,15 +168,11 @@ public:
     Response& AnswerBeforeBody() { return Set("read_body", "0"); }
     Response& ReadBodyBytes(std::uint64_t count) { return Set("read_body", std::to_string(count)); }
     Response& WithoutContinue() { return Set("continue", "\"skip\""); }
-    // Stops reading at `bytes` body bytes until TestHttpServer::ReleaseHolds() or `limitSeconds`.
-    Response& HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds = 30)
-    {
-        return Set("hold_at", std::to_string(bytes)).Set("hold_limit", std::to_string(limitSeconds));
-    }
+    // Stops reading at `bytes` body bytes until TestHttpServer::ReleaseHolds() or 30 s.
+    Response& HoldBodyAt(std::uint64_t bytes) { return Set("hold_at", std::to_string(bytes)); }
     Response& CloseWithoutAnswer() { return Set("fault", "\"close\""); }
     Response& ResetWithoutAnswer() { return Set("fault", "\"reset\""); }
     Response& TruncateBody(std::size_t sentBytes) { return Set("fault", "\"truncate\"").Set("truncate_at", std::to_string(sentBytes)); }
-    Response& OmitLastChunk() { return Set("fault", "\"drop_last_chunk\""); }
     std::string ToJson() const { return "{\"headers\": [" + m_headers + "]" + m_fields + "}"; }
     // A JSON string of bytes; bytes from 0x80 up pass unchanged (the server reads Latin-1).
     static std::string Json(const std::string& bytes)
@@ -251,9 +246,8 @@ struct RecordedRequest {
 };
 
 struct ServerOptions {
-    bool tls = false;                 // a self-signed certificate for 127.0.0.1 (CertificateFile())
-    bool storeBodies = true;          // false: only length and SHA-256, for uploads of GiBs
-    unsigned idleTimeoutSeconds = 0;  // a silent connection is dropped after this; 0: 120 s
+    bool tls = false;          // a self-signed certificate for 127.0.0.1 (CertificateFile())
+    bool storeBodies = true;   // false: only the length, for uploads of GiBs
 };
 
 // The scripted server on 127.0.0.1 for the life of this object. A request is recorded before it is
@@ -265,7 +259,7 @@ public:
         WriteFileBytes(m_dir.File("script.json"), script.ToJson());
         m_process = std::make_unique<ChildProcess>(
             std::vector<std::string>{ORV_PYTHON, ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(),
-                                     m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0", std::to_string(options.idleTimeoutSeconds)},
+                                     m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0"},
             m_dir.File("output.log"));
         if (!WaitUntil([&] { return !ReadFileBytes(m_dir.File("port")).empty() || !m_process->Running(); }) || !m_process->Running())
             throw std::runtime_error("test HTTP server did not start: " + ReadFileBytes(m_dir.File("output.log")));
@@ -290,8 +284,7 @@ public:
         WaitUntil([&] { return RequestCount() >= count; }, limit);
         return Requests();
     }
-    std::vector<std::string> Events() const { return SplitLines(ReadFileBytes(m_dir.File("events"))); }  // "tls-failed why", "held"
-    bool WaitForHold() const { return WaitUntil([&] { return !Events().empty(); }); }
+    bool WaitForHold() const { return WaitUntil([&] { return !ReadFileBytes(m_dir.File("events")).empty(); }); }
     void ReleaseHolds() const { WriteFileBytes(m_dir.File("release"), ""); }
 
 private:

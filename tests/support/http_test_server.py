@@ -1,33 +1,26 @@
 #!/usr/bin/env python3
 """Scripted, recording HTTP(S) test server, run by TestHttpServer (TestSupport.h builds the script).
 
-    http_test_server.py DIR OPENSSL|"" STORE_BODIES(1|0) IDLE_TIMEOUT
+    http_test_server.py DIR OPENSSL|"" STORE_BODIES(1|0)
 
-Reads DIR/script.json: [{"path", "method", "responses": [STEP, ...]}, ...]; the first matching
-route answers ("*" any path; a path with "?" is compared with the whole target), its steps in
-turn, the last repeating; no route: 404. STEP keys: status, headers, body, framing ("chunked",
-chunk_size), read_body (bytes read before answering; default all), continue ("skip"), auth
-{user, password, challenge}, fault ("close", "reset", "truncate" with truncate_at,
-"drop_last_chunk"), hold_at and hold_limit (stop reading there until DIR/release exists).
-With OPENSSL it serves TLS with a self-signed DIR/cert.pem. Writes DIR/port once listening;
-records DIR/N.head, DIR/N.body, DIR/N.meta ("status length complete continued sha256", last)
-and DIR/events ("tls-failed why", "held").
+Reads DIR/script.json: [{"path", "method", "responses": [STEP, ...]}, ...]; the first matching route
+answers ("*" any path; a path with "?" is compared with the whole target), its steps in turn, the
+last repeating; no route: 404. STEP keys: status, headers, body, read_body (bytes read before the
+answer; default all), continue ("skip"), auth {user, password, challenge}, fault ("close", "reset",
+"truncate" with truncate_at), hold_at (stop reading there until DIR/release exists, 30 s at most).
+With OPENSSL it serves TLS with a self-signed DIR/cert.pem. Writes DIR/port once listening; records
+DIR/N.head, DIR/N.body, DIR/N.meta ("status length complete continued sha256", written last) and
+DIR/events ("held").
 """
 import hashlib, http, json, os, signal, socket, socketserver, ssl, subprocess, sys, threading, time
 from base64 import b64encode
 
-DIR, OPENSSL, STORE, IDLE = sys.argv[1], sys.argv[2], sys.argv[3] == "1", float(sys.argv[4]) or 120
-LOCK = threading.Lock()
-COUNT = [0]
+DIR, OPENSSL, STORE = sys.argv[1], sys.argv[2], sys.argv[3] == "1"
+LOCK, COUNT = threading.Lock(), [0]
 
 
 def path(name):
     return os.path.join(DIR, name)
-
-
-def event(line):
-    with LOCK, open(path("events"), "a") as f:
-        f.write(line.replace("\n", " ") + "\n")
 
 
 class Route:
@@ -41,8 +34,8 @@ class Route:
         with LOCK:
             step = self.steps[min(self.next, len(self.steps) - 1)]
             auth = step.get("auth")
-            expected = auth and "Basic " + b64encode((auth["user"] + ":" + auth["password"]).encode("latin-1")).decode()
-            if auth and headers.get("authorization") != expected:  # a challenge does not use the step up
+            if auth and headers.get("authorization") != "Basic " + b64encode(
+                    (auth["user"] + ":" + auth["password"]).encode("latin-1")).decode():  # a challenge keeps the step
                 return dict({k: step[k] for k in ("read_body", "continue") if k in step}, status=401,
                             body="Authentication required\n", headers=[["WWW-Authenticate", auth["challenge"]]])
             self.next += 1
@@ -51,21 +44,16 @@ class Route:
 
 class Handler(socketserver.BaseRequestHandler):
     def handle(self):
-        sock = self.request
-        sock.settimeout(IDLE)
         try:
-            if TLS:
-                try:
-                    sock = TLS.wrap_socket(sock, server_side=True)
-                except (ssl.SSLError, OSError) as error:
-                    return event("tls-failed %s" % error)
-            self.sock, self.rfile = sock, sock.makefile("rb")
+            self.sock = TLS.wrap_socket(self.request, server_side=True) if TLS else self.request
+            self.sock.settimeout(120)
+            self.rfile = self.sock.makefile("rb")
             while self.one():
                 pass
-        except Exception as error:  # the client went away or sent nonsense
+        except Exception as error:  # the client went away, refused the certificate or sent nonsense
             print("error %r" % error, file=sys.stderr, flush=True)
         finally:
-            sock.close()
+            self.request.close()
 
     def one(self):
         head = self.rfile.readline(65537)
@@ -89,17 +77,18 @@ class Handler(socketserver.BaseRequestHandler):
         continued = headers.get("expect", "").lower() == "100-continue" and limit > 0 and step.get("continue") != "skip"
         if continued:
             self.sock.sendall(b"HTTP/1.1 100 Continue\r\n\r\n")
-        got, digest, view = 0, hashlib.sha256(), memoryview(bytearray(1 << 20))
-        hold_at = step.get("hold_at")
+        got, digest, view, hold_at = 0, hashlib.sha256(), memoryview(bytearray(1 << 20)), step.get("hold_at", -1)
         with open(path("%d.body" % number), "wb") if STORE else open(os.devnull, "wb") as body:
             try:
                 while got < limit:
                     if got == hold_at:  # stop reading until the test says so
-                        event("held")
-                        deadline = time.monotonic() + step.get("hold_limit", 30)
-                        while not os.path.exists(path("release")) and time.monotonic() < deadline:
+                        with LOCK, open(path("events"), "a") as f:
+                            f.write("held\n")
+                        for _ in range(3000):
+                            if os.path.exists(path("release")):
+                                break
                             time.sleep(0.01)
-                    n = self.rfile.readinto1(view[:min(limit - got, 1 << 20, hold_at - got if got < (hold_at or 0) else 1 << 20)])
+                    n = self.rfile.readinto1(view[:min(limit - got, 1 << 20, hold_at - got if got < hold_at else 1 << 20)])
                     if not n:
                         break
                     body.write(view[:n])
@@ -117,7 +106,12 @@ class Handler(socketserver.BaseRequestHandler):
         if status == 0:
             return False
         keep = got == length and "close" not in headers.get("connection", "") and fault is None
-        self.answer(step, status, keep)
+        body = step.get("body", "").encode("latin-1")
+        base = "%s://127.0.0.1:%d" % ("https" if TLS else "http", SERVER.server_address[1])
+        lines = [(n, v.replace("{base}", base)) for n, v in step.get("headers", [])] + [("Content-Length", str(len(body)))]
+        self.sock.sendall(("HTTP/1.1 %d %s\r\n" % (status, http.HTTPStatus(status).phrase) + "".join(
+            "%s: %s\r\n" % line for line in lines + ([] if keep else [("Connection", "close")])) + "\r\n").encode("latin-1") +
+            (body[:step["truncate_at"]] if fault == "truncate" else body))
         if got < length:  # drain what the client still sends, so closing does not reset the answer
             self.sock.shutdown(socket.SHUT_WR)
             self.sock.settimeout(2)
@@ -125,37 +119,18 @@ class Handler(socketserver.BaseRequestHandler):
                 pass
         return keep
 
-    def answer(self, step, status, keep):
-        body, fault = step.get("body", "").encode("latin-1"), step.get("fault")
-        base = "%s://127.0.0.1:%d" % ("https" if TLS else "http", SERVER.server_address[1])
-        lines = [(n, v.replace("{base}", base)) for n, v in step.get("headers", [])]
-        chunked = step.get("framing") == "chunked"
-        lines.append(("Transfer-Encoding", "chunked") if chunked else ("Content-Length", str(len(body))))
-        lines += [] if keep else [("Connection", "close")]
-        out = ("HTTP/1.1 %d %s\r\n" % (status, http.HTTPStatus(status).phrase) +
-               "".join("%s: %s\r\n" % line for line in lines) + "\r\n").encode("latin-1")
-        if chunked:
-            size = step.get("chunk_size") or max(len(body), 1)
-            out += b"".join(b"%x\r\n%s\r\n" % (len(body[i:i + size]), body[i:i + size]) for i in range(0, len(body), size))
-            out += b"" if fault == "drop_last_chunk" else b"0\r\n\r\n"
-        else:
-            out += body[:step["truncate_at"]] if fault == "truncate" else body
-        self.sock.sendall(out)
-
 
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
 with open(path("script.json"), "rb") as f:
     ROUTES = [Route(r) for r in json.loads(f.read().decode("latin-1"))]
 TLS = None
 if OPENSSL:  # self-signed for 127.0.0.1, ::1 and localhost
-    subprocess.run([OPENSSL, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                    "-days", "2", "-subj", "/CN=127.0.0.1/O=Orvane Test", "-addext",
-                    "subjectAltName=IP:127.0.0.1,IP:::1,DNS:localhost", "-keyout", path("key.pem"), "-out",
-                    path("cert.pem")], check=True, capture_output=True, timeout=30)
+    subprocess.run([OPENSSL, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days",
+                    "2", "-subj", "/CN=127.0.0.1/O=Orvane Test", "-addext", "subjectAltName=IP:127.0.0.1,IP:::1,DNS:localhost",
+                    "-keyout", path("key.pem"), "-out", path("cert.pem")], check=True, capture_output=True, timeout=30)
     TLS = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     TLS.load_cert_chain(path("cert.pem"), path("key.pem"))
-socketserver.ThreadingTCPServer.allow_reuse_address = True
-socketserver.ThreadingTCPServer.daemon_threads = True
+socketserver.ThreadingTCPServer.allow_reuse_address = socketserver.ThreadingTCPServer.daemon_threads = True
 SERVER = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler)
 with open(path("port.tmp"), "w") as f:
     f.write("%d\n" % SERVER.server_address[1])
