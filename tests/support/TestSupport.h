@@ -147,6 +147,15 @@ private:
     int m_status = 0;
 };
 
+// Starts a peer that writes its port to dir/port once it listens; its output goes to dir/output.
+inline unsigned short StartPeer(std::unique_ptr<ChildProcess>& process, const TempDirectory& dir, const std::vector<std::string>& argv)
+{
+    process = std::make_unique<ChildProcess>(argv, dir.File("output"));
+    if (!WaitUntil([&] { return !ReadFileBytes(dir.File("port")).empty() || !process->Running(); }, std::chrono::seconds(20)) || !process->Running())
+        throw std::runtime_error(argv[1] + " did not start: " + ReadFileBytes(dir.File("output")));
+    return static_cast<unsigned short>(std::stoul(ReadFileBytes(dir.File("port"))));
+}
+
 // One scripted answer of the test server (http_test_server.py names every field). Strings are bytes.
 class Response {
 public:
@@ -257,13 +266,8 @@ public:
     explicit TestHttpServer(const Script& script, const ServerOptions& options = {}) : m_dir("orv-http"), m_tls(options.tls)
     {
         WriteFileBytes(m_dir.File("script.json"), script.ToJson());
-        m_process = std::make_unique<ChildProcess>(
-            std::vector<std::string>{ORV_PYTHON, ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(),
-                                     m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0"},
-            m_dir.File("output.log"));
-        if (!WaitUntil([&] { return !ReadFileBytes(m_dir.File("port")).empty() || !m_process->Running(); }) || !m_process->Running())
-            throw std::runtime_error("test HTTP server did not start: " + ReadFileBytes(m_dir.File("output.log")));
-        m_port = static_cast<unsigned short>(std::stoul(ReadFileBytes(m_dir.File("port"))));
+        m_port = StartPeer(m_process, m_dir, {ORV_PYTHON, ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(),
+                                              m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0"});
     }
     unsigned short Port() const { return m_port; }
     std::string BaseUrl() const { return std::string(m_tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(m_port); }
@@ -294,29 +298,15 @@ private:
     unsigned short m_port = 0;
 };
 
-// Sets http_proxy and https_proxy to `proxyUrl` and no_proxy to `noProxy` (empty: unset), unsets the
-// other variants, and restores them all on destruction. Qt reads them afresh at every query.
-class ProxyEnvironment {
-public:
-    explicit ProxyEnvironment(const std::string& proxyUrl, const std::string& noProxy = {})
-    {
-        for (const char* name : {"http_proxy", "https_proxy", "no_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "NO_PROXY", "ALL_PROXY"}) {
-            m_saved.emplace_back(name, std::getenv(name) ? std::optional<std::string>(std::getenv(name)) : std::nullopt);
-            unsetenv(name);
-        }
-        for (const auto& [name, value] : {std::pair("http_proxy", proxyUrl), {"https_proxy", proxyUrl}, {"no_proxy", noProxy}})
-            if (!value.empty())
-                setenv(name, value.c_str(), 1);
-    }
-    ~ProxyEnvironment()
-    {
-        for (const auto& [name, value] : m_saved)
-            value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
-    }
-
-private:
-    std::vector<std::pair<std::string, std::optional<std::string>>> m_saved;
-};
+// Sets http_proxy and https_proxy to `proxyUrl` and no_proxy to `noProxy` (empty: unset) and unsets the
+// other variants; Qt reads them afresh at every query. Every test case runs in a process of its own.
+inline void SetProxyEnvironment(const std::string& proxyUrl, const std::string& noProxy = {})
+{
+    for (const char* name : {"http_proxy", "https_proxy", "no_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "NO_PROXY", "ALL_PROXY"})
+        unsetenv(name);
+    for (const auto& [name, value] : {std::pair("http_proxy", proxyUrl), {"https_proxy", proxyUrl}, {"no_proxy", noProxy}})
+        value.empty() ? 0 : setenv(name, value.c_str(), 1);
+}
 
 struct ProxyOptions {
     std::string user, password;  // non-empty: Basic credentials the proxy demands (no blanks or quotes)
@@ -412,10 +402,7 @@ public:
                                       "--port-file", m_dir.File("port"), "--data-dir", m_dir.File("data"), "--quiet"};
         if (!configJson.empty())
             argv.insert(argv.end(), {"--config", m_dir.File("config.json")});
-        m_process = std::make_unique<ChildProcess>(argv, m_dir.File("output"));
-        if (!WaitUntil([&] { return !ReadFileBytes(m_dir.File("port")).empty(); }, std::chrono::seconds(20)))
-            throw std::runtime_error("reference server did not start: " + ReadFileBytes(m_dir.File("output")));
-        m_port = std::stoi(ReadFileBytes(m_dir.File("port")));
+        m_port = StartPeer(m_process, m_dir, argv);
     }
     std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
     // The bytes stored for data source `name` in `project`, on any site.
@@ -479,9 +466,8 @@ protected:
         EXPECT_EQ(ORV_RESULT_Success, OrvServerAPICleanup());
         return ReadFileBytes(m_dir.File("OrvaneSDKServer.log"));
     }
-    ProxyEnvironment m_noProxy{"", "127.0.0.1,localhost"};
     TempDirectory m_dir{"orv-capi"};
-    bool m_logDirSet = setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1) == 0;
+    int m_environment = (SetProxyEnvironment("", "127.0.0.1,localhost"), setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1));
 };
 class StartedTest : public LibraryTest {
 protected:
