@@ -111,25 +111,6 @@ TEST_F(LogTest, ExistingFileIsAppendedUpTo1MiBAndStartedAfreshBeyond)
     }
 }
 
-// Names taken (flock conflicts between two open files of one process too) fall back to nine numbered
-// ones, then opening fails; releasing a logger releases its name.
-TEST_F(LogTest, TakenNamesFallBackToNineNumberedNames)
-{
-    std::vector<RefCntPtr<SimpleLogger>> loggers;
-    for (int i = 0; i < 10; ++i) {
-        loggers.push_back(Open(m_base));
-        loggers.back()->QueueMessage("logger " + std::to_string(i));
-        Drain(*loggers.back());
-        EXPECT_EQ(Strings{"logger " + std::to_string(i)}, Payloads(i ? m_dir.File("OrvaneSDKServer_" + std::to_string(i) + ".log") : m_base));
-    }
-    EXPECT_ANY_THROW(Open(m_base));
-    loggers[0].reset();
-    RefCntPtr<SimpleLogger> again = Open(m_base);
-    again->QueueMessage(std::string("again"));
-    Drain(*again);
-    EXPECT_EQ((Strings{"logger 0", "again"}), Payloads(m_base));
-}
-
 // Start-up logs the pid, then starts libcurl; Cleanup stops libcurl and writes every queued line
 // before it returns, and nothing after. A second Initialize or Cleanup does nothing; a restart
 // while the first logger still holds the file goes to the next name.

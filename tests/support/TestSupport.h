@@ -177,8 +177,6 @@ public:
     Response& AnswerBeforeBody() { return Set("read_body", "0"); }
     Response& ReadBodyBytes(std::uint64_t count) { return Set("read_body", std::to_string(count)); }
     Response& WithoutContinue() { return Set("continue", "\"skip\""); }
-    // Stops reading at `bytes` body bytes until TestHttpServer::ReleaseHolds() or 30 s.
-    Response& HoldBodyAt(std::uint64_t bytes) { return Set("hold_at", std::to_string(bytes)); }
     Response& CloseWithoutAnswer() { return Set("fault", "\"close\""); }
     Response& ResetWithoutAnswer() { return Set("fault", "\"reset\""); }
     Response& TruncateBody(std::size_t sentBytes) { return Set("fault", "\"truncate\"").Set("truncate_at", std::to_string(sentBytes)); }
@@ -288,8 +286,6 @@ public:
         WaitUntil([&] { return RequestCount() >= count; }, limit);
         return Requests();
     }
-    bool WaitForHold() const { return WaitUntil([&] { return !ReadFileBytes(m_dir.File("events")).empty(); }); }
-    void ReleaseHolds() const { WriteFileBytes(m_dir.File("release"), ""); }
 
 private:
     TempDirectory m_dir;
@@ -443,14 +439,6 @@ inline std::vector<RecordedRequest> Uploads(const std::vector<RecordedRequest>& 
                  [](const RecordedRequest& r) { return r.method == "POST" && r.Path() != "/api/2.0/auth/signin"; });
     return uploads;
 }
-// The upload body PublishScript's server expects for data source `name` (project P1), around the file.
-inline std::pair<std::string, std::string> UploadFraming(const RecordedRequest& upload, const std::string& name, const std::string& path)
-{
-    const std::string type = upload.HeaderValue("Content-Type").value_or("");
-    return MultipartFraming(type.substr(type.find('=') + 1),
-                            "<qsRequest><datasource name=\"" + name + "\" ><project id=\"P1\" /></datasource></qsRequest>", "orvane_datasource", path);
-}
-
 // Each test with its log in a scratch directory and no proxy; Start() starts the library.
 class LibraryTest : public ::testing::Test {
 protected:

@@ -7,12 +7,11 @@ Reads DIR/script.json: [{"path", "method", "responses": [STEP, ...]}, ...]; the 
 answers ("*" any path; a path with "?" is compared with the whole target), its steps in turn, the
 last repeating; no route: 404. STEP keys: status, headers, body, read_body (bytes read before the
 answer; default all), continue ("skip"), auth {user, password, challenge}, fault ("close", "reset",
-"truncate" with truncate_at), hold_at (stop reading there until DIR/release exists, 30 s at most).
+"truncate" with truncate_at).
 With OPENSSL it serves TLS with a self-signed DIR/cert.pem. Writes DIR/port once listening; records
-DIR/N.head, DIR/N.body, DIR/N.meta ("status length complete continued sha256", written last) and
-DIR/events ("held").
+DIR/N.head, DIR/N.body and DIR/N.meta ("status length complete continued sha256", written last).
 """
-import hashlib, http, json, os, signal, socket, socketserver, ssl, subprocess, sys, threading, time
+import hashlib, http, json, os, signal, socket, socketserver, ssl, subprocess, sys, threading
 from base64 import b64encode
 
 DIR, OPENSSL, STORE = sys.argv[1], sys.argv[2], sys.argv[3] == "1"
@@ -77,18 +76,11 @@ class Handler(socketserver.BaseRequestHandler):
         continued = headers.get("expect", "").lower() == "100-continue" and limit > 0 and step.get("continue") != "skip"
         if continued:
             self.sock.sendall(b"HTTP/1.1 100 Continue\r\n\r\n")
-        got, digest, view, hold_at = 0, hashlib.sha256(), memoryview(bytearray(1 << 20)), step.get("hold_at", -1)
+        got, digest, view = 0, hashlib.sha256(), memoryview(bytearray(1 << 20))
         with open(path("%d.body" % number), "wb") if STORE else open(os.devnull, "wb") as body:
             try:
                 while got < limit:
-                    if got == hold_at:  # stop reading until the test says so
-                        with LOCK, open(path("events"), "a") as f:
-                            f.write("held\n")
-                        for _ in range(3000):
-                            if os.path.exists(path("release")):
-                                break
-                            time.sleep(0.01)
-                    n = self.rfile.readinto1(view[:min(limit - got, 1 << 20, hold_at - got if got < hold_at else 1 << 20)])
+                    n = self.rfile.readinto1(view[:min(limit - got, 1 << 20)])
                     if not n:
                         break
                     body.write(view[:n])
