@@ -1,15 +1,8 @@
 #!/usr/bin/env python3
-"""Scripted, recording HTTP(S) test server, run by TestHttpServer (TestSupport.h builds the script).
-
-    http_test_server.py DIR OPENSSL|"" STORE_BODIES(1|0)
-
-Reads DIR/script.json: [{"path", "method", "responses": [STEP, ...]}, ...]; the first matching route
-answers ("*" any path; a path with "?" is compared with the whole target), its steps in turn, the
-last repeating; no route: 404. STEP keys: status, headers, body, read_body (bytes read before the
-answer; default all), continue ("skip"), auth {user, password, challenge}, fault ("close", "reset",
-"truncate" with truncate_at).
-With OPENSSL it serves TLS with a self-signed DIR/cert.pem. Writes DIR/port once listening; records
-DIR/N.head, DIR/N.body and DIR/N.meta ("status length complete continued sha256", written last).
+"""Scripted, recording HTTP(S) test server run by TestHttpServer, whose Response and Script (in
+TestSupport.h) write DIR/script.json. Usage: http_test_server.py DIR OPENSSL|"" STORE_BODIES(1|0).
+With OPENSSL it serves TLS with a self-signed DIR/cert.pem. Writes DIR/port once listening and records
+request N as DIR/N.head, DIR/N.body and DIR/N.meta ("status length complete continued sha256", last).
 """
 import hashlib, http, json, os, signal, socket, socketserver, ssl, subprocess, sys, threading
 from base64 import b64encode
