@@ -87,8 +87,7 @@ public:
     explicit TempDirectory(const std::string& prefix)
         : m_path(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/" + prefix + "-XXXXXX")
     {
-        if (mkdtemp(m_path.data()) == nullptr)
-            throw std::runtime_error("mkdtemp " + m_path);
+        mkdtemp(m_path.data()) ? void() : throw std::runtime_error("mkdtemp " + m_path);
     }
     ~TempDirectory() { std::getenv("ORV_KEEP_TEST_FILES") ? 0 : std::filesystem::remove_all(m_path, m_error); }
     TempDirectory(const TempDirectory&) = delete;
@@ -106,10 +105,8 @@ class ChildProcess {
 public:
     ChildProcess(std::vector<std::string> argv, const std::string& outputFile)
     {
-        std::vector<char*> args;
-        for (auto& arg : argv)
-            args.push_back(arg.data());
-        args.push_back(nullptr);
+        std::vector<char*> args(argv.size() + 1, nullptr);
+        std::transform(argv.begin(), argv.end(), args.begin(), [](std::string& arg) { return arg.data(); });
         const int out = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         const pid_t parent = getpid();
         if (out < 0 || (m_pid = fork()) < 0)
@@ -119,8 +116,7 @@ public:
                 _exit(126);
             dup2(out, 1), dup2(out, 2), close_range(3, ~0U, 0), signal(SIGTERM, SIG_DFL);
             sigset_t none;
-            sigemptyset(&none);
-            sigprocmask(SIG_SETMASK, &none, nullptr);
+            sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
             argv[0].find('/') != std::string::npos ? execv(args[0], args.data()) : execvp(args[0], args.data());
             _exit(127);
         }
@@ -164,8 +160,7 @@ public:
     static Response Redirect(int status, const std::string& location) { return Response(status).Header("Location", location); }
     Response& Header(const std::string& name, const std::string& value)
     {
-        m_headers += (m_headers.empty() ? "[" : ", [") + Json(name) + ", " + Json(value) + "]";
-        return *this;
+        return m_headers += (m_headers.empty() ? "[" : ", [") + Json(name) + ", " + Json(value) + "]", *this;
     }
     Response& Body(const std::string& bytes) { return Set("body", Json(bytes)); }
     // Answers 401 with one challenge until a request brings these Basic credentials.
@@ -283,8 +278,7 @@ public:
     std::size_t RequestCount() const { return Requests(false).size(); }
     std::vector<RecordedRequest> WaitForRequests(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) const
     {
-        WaitUntil([&] { return RequestCount() >= count; }, limit);
-        return Requests();
+        return WaitUntil([&] { return RequestCount() >= count; }, limit), Requests();
     }
 
 private:
@@ -355,11 +349,7 @@ private:
 // ---- The exported API as a caller meets it ----
 using Utf16 = std::basic_string<unsigned short>;
 inline Utf16 U(const std::string& ascii) { return Utf16(ascii.begin(), ascii.end()); }
-inline std::string LastError()
-{
-    const std::wstring text = OrvGetLastErrorMessage();
-    return std::string(text.begin(), text.end());
-}
+inline std::string LastError() { return std::string(OrvGetLastErrorMessage(), OrvGetLastErrorMessage() + wcslen(OrvGetLastErrorMessage())); }
 
 // A connection handle, closed when it leaves its scope.
 class Connection {
@@ -444,12 +434,9 @@ class LibraryTest : public ::testing::Test {
 protected:
     void TearDown() override { OrvServerAPICleanup(); }
     void Start() { ASSERT_EQ(ORV_RESULT_Success, OrvServerAPIInitialize()); }
-    std::string Extract(const std::string& name, const std::string& bytes)
-    {
-        WriteFileBytes(m_dir.File(name), bytes);
-        return m_dir.File(name);
-    }
-    std::string StopAndReadLog()  // Cleanup writes every queued line before it returns
+    std::string Extract(const std::string& name, const std::string& bytes) { return WriteFileBytes(m_dir.File(name), bytes), m_dir.File(name); }
+    // Cleanup writes every queued line before it returns.
+    std::string StopAndReadLog()
     {
         EXPECT_EQ(ORV_RESULT_Success, OrvServerAPICleanup());
         return ReadFileBytes(m_dir.File("OrvaneSDKServer.log"));
