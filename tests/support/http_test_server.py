@@ -11,8 +11,7 @@ DIR, OPENSSL, STORE = sys.argv[1], sys.argv[2], sys.argv[3] == "1"
 LOCK, COUNT = threading.Lock(), [0]
 
 
-def path(name):
-    return os.path.join(DIR, name)
+path = lambda name: os.path.join(DIR, name)
 
 
 class Route:
@@ -81,8 +80,7 @@ class Handler(socketserver.BaseRequestHandler):
                     got += n
             except OSError:
                 pass
-        fault = step.get("fault")
-        status = 0 if fault in ("close", "reset") else int(step.get("status", 200))
+        fault, status = step.get("fault"), 0 if step.get("fault") in ("close", "reset") else int(step.get("status", 200))
         with open(path("%d.meta.tmp" % number), "w") as f:
             f.write("%d %d %d %d %s\n" % (status, got, got == length, continued, digest.hexdigest()))
         os.replace(path("%d.meta.tmp" % number), path("%d.meta" % number))
@@ -106,8 +104,7 @@ class Handler(socketserver.BaseRequestHandler):
 
 
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
-with open(path("script.json"), "rb") as f:
-    ROUTES = [Route(r) for r in json.loads(f.read().decode("latin-1"))]
+ROUTES = [Route(r) for r in json.loads(open(path("script.json"), "rb").read().decode("latin-1"))]
 TLS = None
 if OPENSSL:  # self-signed for 127.0.0.1, ::1 and localhost
     subprocess.run([OPENSSL, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days",
@@ -117,7 +114,6 @@ if OPENSSL:  # self-signed for 127.0.0.1, ::1 and localhost
     TLS.load_cert_chain(path("cert.pem"), path("key.pem"))
 socketserver.ThreadingTCPServer.allow_reuse_address = socketserver.ThreadingTCPServer.daemon_threads = True
 SERVER = socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler)
-with open(path("port.tmp"), "w") as f:
-    f.write("%d\n" % SERVER.server_address[1])
+open(path("port.tmp"), "w").write("%d\n" % SERVER.server_address[1])
 os.replace(path("port.tmp"), path("port"))
 SERVER.serve_forever(poll_interval=0.2)
