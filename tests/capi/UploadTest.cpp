@@ -3,6 +3,7 @@
 // out whole as announced unless the server stops reading; after a fault the handle publishes again.
 #include "tests/support/TestSupport.h"
 
+#include <climits>
 #include <set>
 
 using namespace OrvaneTest;
@@ -120,6 +121,21 @@ TEST_F(UploadTest, RedirectsKeepThePostItsBodyAndToken)
         EXPECT_EQ(all[0].bodySha256, all[i].bodySha256);
         EXPECT_EQ(std::string(kToken), all[i].HeaderValue("X-Orvane-Auth").value_or(""));
     }
+}
+
+// Every overwrite value but 0 replaces; an empty extract is a body like any other.
+TEST_F(UploadTest, OverwriteValuesAndAnEmptyExtract)
+{
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}).On("POST", "/api/2.0/sites/S1/datasources?overwrite=true",
+                                                                                  Response(201).Body(kPublishReply)));
+    SignIn(server);
+    const std::string path = Extract("empty.qrx", "");
+    for (int overwrite : {0, 1, 2, -1, INT_MIN, INT_MAX})
+        EXPECT_EQ(ORV_RESULT_Success, m_c.Publish(path, "Sales", "d", overwrite)) << overwrite;
+    const std::vector<RecordedRequest> uploads = Uploads(server.Requests(false));
+    ASSERT_EQ(6u, uploads.size());
+    for (std::size_t i = 0; i < 6; ++i)
+        EXPECT_EQ(i ? "/api/2.0/sites/S1/datasources?overwrite=true" : kUploadPath, uploads[i].target), ExpectWholeAsAnnounced(uploads[i]);
 }
 
 // Only a regular file, or a link to one, is uploaded; a directory or FIFO is refused before it is
