@@ -37,7 +37,7 @@ inline std::vector<std::string> SplitLines(const std::string& text)
     std::vector<std::string> lines;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);)
-        lines.push_back(!line.empty() && line.back() == '\r' ? line.substr(0, line.size() - 1) : line);
+        lines.push_back(line.substr(0, line.size() - (!line.empty() && line.back() == '\r')));
     return lines;
 }
 // Polls `done` every 10 ms until it holds (true) or `limit` has passed (false).
@@ -53,8 +53,7 @@ inline std::string Bytes(std::size_t size, unsigned seed)
 {
     std::mt19937 generator(seed);
     std::string out(size, '\0');
-    for (char& c : out)
-        c = static_cast<char>(generator());
+    std::generate(out.begin(), out.end(), [&] { return static_cast<char>(generator()); });
     return out;
 }
 // The upload body with boundary `b` around the file's bytes: XML part "request_payload", then file part `field`.
@@ -195,7 +194,6 @@ private:
 // with the whole target) answers with its responses in turn, the last repeating; no route: 404.
 class Script {
 public:
-    Script& On(const std::string& path, const Response& response) { return Sequence(path, {response}); }
     Script& On(const std::string& method, const std::string& path, const Response& response) { return Sequence(path, {response}, method); }
     Script& Sequence(const std::string& path, const std::vector<Response>& responses, const std::string& method = {})
     {
@@ -326,7 +324,6 @@ public:
         if (m_port == 0)
             throw std::runtime_error("tinyproxy did not start: " + ReadFileBytes(m_dir.File("out")) + Log());
     }
-    unsigned short Port() const { return m_port; }
     std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
     std::vector<std::string> RequestLines() const { return Grep("]: Request (file descriptor "); }  // as sent, refused ones too
     std::size_t ForwardedConnections() const { return Grep("Established connection to host").size(); }
@@ -422,12 +419,10 @@ inline Script PublishScript(const std::vector<Response>& uploads)
         .On("GET", "/api/2.0/sites/S1/projects", Response(200).Body(kProjectsReply))
         .Sequence(kUploadPath, uploads, "POST");
 }
-inline std::vector<RecordedRequest> Uploads(const std::vector<RecordedRequest>& requests)
+inline std::vector<RecordedRequest> Uploads(std::vector<RecordedRequest> requests)
 {
-    std::vector<RecordedRequest> uploads;
-    std::copy_if(requests.begin(), requests.end(), std::back_inserter(uploads),
-                 [](const RecordedRequest& r) { return r.method == "POST" && r.Path() != "/api/2.0/auth/signin"; });
-    return uploads;
+    requests.erase(std::remove_if(requests.begin(), requests.end(), [](auto& r) { return r.method != "POST" || r.Path() == "/api/2.0/auth/signin"; }), requests.end());
+    return requests;
 }
 // Each test with its log in a scratch directory and no proxy; Start() starts the library.
 class LibraryTest : public ::testing::Test {
