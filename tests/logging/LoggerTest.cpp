@@ -1,5 +1,5 @@
-// The log file as a user finds it: line format, text, the 1 MiB rule, taken names, start-up and
-// shutdown lines, many threads, the log directory, and the lock between two processes.
+// The log file as a user finds it: line format, text, the 1 MiB rule, start-up and shutdown lines,
+// many threads, and the lock between two processes.
 #include "capi/ServerAPI.h"
 #include "logging/Logger.h"
 #include "logging/SimpleLogger.h"
@@ -156,25 +156,6 @@ TEST_F(LogTest, EveryLineQueuedBeforeCleanupIsWrittenWhole)
         }
     }
     EXPECT_EQ(std::vector<int>(kThreads, kMessages), next);
-}
-
-TEST_F(LogTest, LogDirectoryFallsBackToTheCurrentDirectory)
-{
-    TempDirectory cwd("orv-cwd");
-    WriteFileBytes(m_dir.File("plain-file"), "not a directory");
-    const auto previous = std::filesystem::current_path();
-    std::filesystem::current_path(cwd.Path());
-    const std::pair<std::optional<std::string>, std::string> cases[] = {{std::nullopt, cwd.Path()}, {"", cwd.Path()},
-        {m_dir.File("missing"), cwd.Path()}, {m_dir.File("plain-file"), cwd.Path()}, {m_dir.Path() + "/", m_dir.Path()}};
-    for (const auto& [value, directory] : cases) {
-        value ? setenv("ORV_SDK_LOGDIR", value->c_str(), 1) : unsetenv("ORV_SDK_LOGDIR");
-        ServerAPI::Initialize();
-        ServerAPI::Cleanup();
-        Logger::Init(RefCntPtr<Logger>());  // releases the file
-        EXPECT_EQ(RunLines(getpid(), {}), Payloads(directory + "/OrvaneSDKServer.log")) << value.value_or("unset");
-        std::filesystem::remove(directory + "/OrvaneSDKServer.log");
-    }
-    std::filesystem::current_path(previous);
 }
 
 // Whoever holds the base name, a shell with flock or a host later killed, sends the next process to
