@@ -1,5 +1,5 @@
 // The upload through the exported functions against the scripted server: broken and early answers,
-// cut-off bodies, 100-continue, redirects, odd extract files and a body over 4 GiB. Each body goes
+// cut-off bodies, 100-continue, redirects, overwrite values and a body over 4 GiB. Each body goes
 // out whole as announced unless the server stops reading; after a fault the handle publishes again.
 #include "tests/support/TestSupport.h"
 
@@ -136,28 +136,6 @@ TEST_F(UploadTest, OverwriteValuesAndAnEmptyExtract)
     ASSERT_EQ(6u, uploads.size());
     for (std::size_t i = 0; i < 6; ++i)
         EXPECT_EQ(i ? "/api/2.0/sites/S1/datasources?overwrite=true" : kUploadPath, uploads[i].target), ExpectWholeAsAnnounced(uploads[i]);
-}
-
-// Only a regular file, or a link to one, is uploaded; a directory or FIFO is refused before it is
-// opened (opening a FIFO would wait for a writer forever).
-TEST_F(UploadTest, ExtractThatIsNotARegularFileIsRefused)
-{
-    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}));
-    const std::string link = m_dir.File("link.qrx"), folder = m_dir.File("folder.qrx"), fifo = m_dir.File("pipe.qrx");
-    ASSERT_EQ(0, symlink(Extract("good.qrx", "good").c_str(), link.c_str()));
-    ASSERT_TRUE(std::filesystem::create_directory(folder));
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    SignIn(server);
-    for (const std::string& path : {folder, fifo}) {
-        Outcome outcome{-1, ""};
-        std::thread publish([&] { outcome = Publish(path); });
-        if (!WaitUntil([&] { return outcome.first != -1; }, std::chrono::seconds(5)))
-            close(open(fifo.c_str(), O_WRONLY | O_NONBLOCK));  // frees a publish stuck opening the FIFO
-        publish.join();
-        EXPECT_EQ(Outcome(303, "File \"" + path + "\" is either invalid or doesn't exist"), outcome);
-    }
-    EXPECT_EQ(kOk, Publish(link));
-    EXPECT_EQ(1u, Uploads(server.Requests(false)).size());
 }
 
 // A sparse file just over 4 GiB: no count may wrap at 32 bits.

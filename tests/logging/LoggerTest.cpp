@@ -116,7 +116,6 @@ TEST_F(LogTest, StartupAndShutdownLines)
     ServerAPI::Cleanup();
     ServerAPI::Cleanup();
     Logger::Get()->QueueMessage(std::string("after cleanup"));
-    EXPECT_EQ(RunLines(getpid(), {"first run"}), Payloads(m_base));
     ServerAPI::Initialize();
     Logger::Get()->QueueMessage(std::string("second run"));
     ServerAPI::Cleanup();

@@ -10,6 +10,8 @@
 #include "sys/Unicode.h"
 #include "tests/support/TestSupport.h"
 
+#include <sys/stat.h>
+
 #include <deque>
 
 using namespace OrvaneInternal;
@@ -284,9 +286,12 @@ TEST_F(SessionTest, PublishChecksTheFileBeforeAnything)
 {
     for (const char* name : {"a.qrx", "a.qrx.qrx", ".qrx", "a.QRX", "a.qrx.bak", "noext"})
         WriteFileBytes(m_dir.File(name), "x");
+    // Only a regular file or a link to one passes: opening a FIFO would wait for a writer forever.
+    ASSERT_TRUE(symlink(m_dir.File("a.qrx").c_str(), m_dir.File("link.qrx").c_str()) == 0 && mkfifo(m_dir.File("fifo.qrx").c_str(), 0600) == 0 &&
+                std::filesystem::create_directory(m_dir.File("dir.qrx")));
     ServerConnection session;  // not signed in: a path that passes meets the project query's refusal
-    for (const auto& [name, passes] : {std::pair("a.qrx", true), {"a.qrx.qrx", true}, {".qrx", true}, {"a.QRX", false},
-                                       {"a.qrx.bak", false}, {"noext", false}, {"missing.qrx", false}, {"", false}}) {
+    for (const auto& [name, passes] : {std::pair("a.qrx", true), {"a.qrx.qrx", true}, {".qrx", true}, {"link.qrx", true}, {"a.QRX", false},
+                                       {"a.qrx.bak", false}, {"noext", false}, {"missing.qrx", false}, {"", false}, {"fifo.qrx", false}, {"dir.qrx", false}}) {
         const std::string path = *name ? m_dir.File(name) : "";
         EXPECT_EQ(passes ? "402 Connect must be called first" : "303 File \"" + path + "\" is either invalid or doesn't exist",
                   Outcome([&, p = passes] { session.PublishExtract(Wide(path), L"p", L"d", p); }));
