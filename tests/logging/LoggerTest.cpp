@@ -48,7 +48,7 @@ protected:
         ChildProcess child(argv, m_dir.File("child.out"));
         WaitUntil([&] { return !child.Running(); }, std::chrono::seconds(20));
         child.Stop();
-        EXPECT_EQ("exited with status 0", child.ExitDescription()) << ReadFileBytes(m_dir.File("child.out"));
+        EXPECT_EQ(0, child.Status()) << ReadFileBytes(m_dir.File("child.out"));
         return child.Pid();
     }
     bool LockedElsewhere()

@@ -1,6 +1,5 @@
-// The test peers and helpers, written once: scratch directories, child processes, the scripted HTTP(S)
-// server (http_test_server.py), tinyproxy, the proxy environment, pattern bytes, the multipart layout,
-// odd-chunk reads, bounded waits, and the exported-API helpers.
+// The test peers and helpers, written once: scratch directories, child processes, the scripted HTTP(S) server,
+// tinyproxy, the proxy environment, pattern bytes, the multipart layout, odd-chunk reads, waits, exported-API helpers.
 #pragma once
 
 #include <orvane/OrvaneServer.h>
@@ -98,8 +97,7 @@ private:
     std::error_code m_error;
 };
 
-// A helper program (argv[0] with a '/' or on PATH), its output to a file; it gets SIGTERM when the
-// thread that started it ends, and is stopped (SIGTERM, then SIGKILL) and reaped on destruction.
+// A helper program, its output to a file: SIGTERM when the thread that started it ends; stopped and reaped at the end.
 class ChildProcess {
 public:
     ChildProcess(std::vector<std::string> argv, const std::string& outputFile)
@@ -125,11 +123,7 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     pid_t Pid() const { return m_pid; }
     bool Running() { return !(m_reaped = m_reaped || waitpid(m_pid, &m_status, WNOHANG) != 0); }
-    std::string ExitDescription() const
-    {
-        return !m_reaped ? "still running" : WIFEXITED(m_status) ? "exited with status " + std::to_string(WEXITSTATUS(m_status))
-                                                                 : "killed by signal " + std::to_string(WTERMSIG(m_status));
-    }
+    int Status() const { return m_reaped ? m_status : -1; }  // a wait status once the process has ended
     void Stop(std::chrono::milliseconds grace = std::chrono::seconds(5)) noexcept
     {
         if (Running() && (kill(m_pid, SIGTERM), !WaitUntil([this] { return !Running(); }, grace)))
@@ -190,8 +184,7 @@ private:
     std::string m_headers, m_fields;
 };
 
-// Routes: the first whose method (if given) and path match ("*": any; a path with '?' is compared
-// with the whole target) answers with its responses in turn, the last repeating; no route: 404.
+// Routes: the first whose method (if any) and path ('?': the whole target) match answers in turn; no route: 404.
 class Script {
 public:
     Script& On(const std::string& method, const std::string& path, const Response& response) { return Sequence(path, {response}, method); }
@@ -250,8 +243,7 @@ struct ServerOptions {
     bool storeBodies = true;   // false: only the length, for uploads of GiBs
 };
 
-// The scripted server on 127.0.0.1 for the life of this object. A request is recorded before it is
-// answered; one answered early or abandoned by the client finishes later (WaitForRequests).
+// The scripted server on 127.0.0.1. A request answered early or abandoned by the client is recorded later (WaitForRequests).
 class TestHttpServer {
 public:
     explicit TestHttpServer(const Script& script, const ServerOptions& options = {}) : m_dir("orv-http"), m_tls(options.tls)
@@ -343,7 +335,6 @@ private:
     unsigned short m_port = 0;
 };
 
-// ---- The exported API as a caller meets it ----
 using Utf16 = std::basic_string<unsigned short>;
 inline Utf16 U(const std::string& ascii) { return Utf16(ascii.begin(), ascii.end()); }
 inline std::string LastError() { return std::string(OrvGetLastErrorMessage(), OrvGetLastErrorMessage() + wcslen(OrvGetLastErrorMessage())); }
@@ -374,8 +365,7 @@ private:
     void* m_handle = nullptr;
 };
 
-// tools/orvane-reference-server on a loopback port; by default user "demo" / "demo-password", the
-// default site, project "Samples" on page 3.
+// tools/orvane-reference-server on loopback; by default user "demo" / "demo-password", project "Samples" on page 3.
 class ReferenceServer {
 public:
     explicit ReferenceServer(const std::string& configJson = "") : m_dir("orv-reference")
