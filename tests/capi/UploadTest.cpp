@@ -45,7 +45,7 @@ protected:
 }  // namespace
 
 // Transport failures carry libcurl's text, statuses name the status, replies of another shape leave
-// the text empty. Bodies over 1 MiB ask for "100 Continue" first.
+// the text empty (the log explains: see the session tests). Bodies over 1 MiB ask for "100 Continue".
 TEST_F(UploadTest, FaultyAnswersGiveTheirCodeAndLeaveTheSessionUsable)
 {
     const std::string good = kPublishReply;
@@ -80,10 +80,9 @@ TEST_F(UploadTest, FaultyAnswersGiveTheirCodeAndLeaveTheSessionUsable)
     const std::string path = Extract("reply.qrx", Bytes(2 * kMiB, 1));
     SignIn(server);
     for (const auto& fault : faults) {
-        SCOPED_TRACE(fault.what);
         const Outcome outcome = Publish(path);
-        EXPECT_EQ(1u, fault.expected.count(outcome)) << outcome.first << " " << outcome.second;
-        EXPECT_EQ(kOk, Publish(path));
+        EXPECT_EQ(1u, fault.expected.count(outcome)) << fault.what << ": " << outcome.first << " " << outcome.second;
+        EXPECT_EQ(kOk, Publish(path)) << "after " << fault.what;
     }
     const std::vector<RecordedRequest> uploads = Uploads(server.WaitForRequests(answers.size() + 2));
     ASSERT_EQ(answers.size(), uploads.size());
@@ -96,11 +95,6 @@ TEST_F(UploadTest, FaultyAnswersGiveTheirCodeAndLeaveTheSessionUsable)
         else
             EXPECT_FALSE(uploads[i].bodyComplete);
     }
-    // The caller sees the status only; the error page and libcurl's text are in the log.
-    const std::string log = StopAndReadLog();
-    for (const char* line : {"): Server Response Code: 500\n", "): Response:\n", "): <html><body>Internal <b>error</body>\n",
-                             "): Curl Error:\n", "): Transferred a partial file\n"})
-        EXPECT_NE(std::string::npos, log.find(line)) << line;
 }
 
 // 301, 302 and 303 in a chain: the upload stays a POST with the same body and token.

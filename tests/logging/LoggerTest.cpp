@@ -176,21 +176,3 @@ TEST_F(LogTest, LockHolderInAnotherProcessSendsTheLogToTheNextName)
         expected.push_back(line);
     EXPECT_EQ(expected, Payloads(m_base));
 }
-
-// A host that returns from main without Cleanup still writes its last message, and the program it
-// started holds neither the log nor its lock.
-TEST_F(LogTest, HostEndingWithoutCleanupWritesItsLogAndItsProgramKeepsNoLock)
-{
-    ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0));  // the host's orphan becomes ours to reap
-    const long host = RunChild({"exit", "left without cleanup", m_dir.File("pid"), "sleep", "60"});
-    const pid_t program = static_cast<pid_t>(std::atol(ReadFileBytes(m_dir.File("pid")).c_str()));
-    ASSERT_GT(program, 0);
-    std::shared_ptr<void> reap(nullptr, [program](void*) { kill(program, SIGKILL), waitpid(program, nullptr, 0); });
-    ASSERT_TRUE(WaitUntil([&] { return ReadFileBytes("/proc/" + std::to_string(program) + "/cmdline").rfind("sleep", 0) == 0; }));
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(program) + "/fd")) {
-        std::error_code error;
-        EXPECT_EQ(std::string::npos, std::filesystem::read_symlink(entry.path(), error).string().find("OrvaneSDKServer")) << entry.path();
-    }
-    EXPECT_FALSE(LockedElsewhere());
-    EXPECT_EQ(RunLines(host, {"left without cleanup"}, false), Payloads(m_base));
-}
