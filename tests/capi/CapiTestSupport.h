@@ -1,3 +1,2 @@
-// The exported-API helpers live in the one support header.
-#pragma once
+#pragma once  // the exported-API helpers live in the one support header
 #include "tests/support/TestSupport.h"

@@ -82,9 +82,6 @@ TEST_F(ExportedApiTest, NullArgumentsAreNamedInOrderBeforeTheHandleAndBadHandles
 
 TEST_F(StartupApiTest, CreateNeedsAStartedLibraryAndLeavesTheHandleAloneWhenRefused)
 {
-    const std::set<ORV_RESULT> codes{ORV_RESULT_Success, ORV_RESULT_InvalidArgument, ORV_RESULT_BadHandle, ORV_RESULT_UnknownError,
-                                     300, 301, 303, 400, 401, 402, 403, 404};
-    EXPECT_EQ(12u, codes.size());
     int sentinel = 0;
     void* handle = &sentinel;
     for (int round = 0; round < 2; ++round) {  // before the first start, and after a stop
@@ -204,7 +201,6 @@ TEST_F(ExportedApiTest, SystemProxyAndTls)
     EXPECT_EQ("SSL peer certificate or SSH remote key was not OK", LastError());
     EXPECT_EQ((std::vector<std::string>{"POST " + plain.Url("/api/2.0/auth/signin") + " HTTP/1.1", "CONNECT 127.0.0.1:" +
                                         std::to_string(tls.Port()) + " HTTP/1.1"}), proxy.RequestLines());
-    EXPECT_EQ(0u, tls.RequestCount());
 }
 
 // Sixteen threads run fifty cycles of create, connect, publish, disconnect and close each.

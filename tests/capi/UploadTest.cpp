@@ -36,8 +36,7 @@ protected:
     Outcome Publish(const std::string& path, const std::string& name = "d")
     {
         OrvSetLastErrorMessage(L"untouched");
-        const ORV_RESULT result = m_c.Publish(path, "Sales", name, 0);
-        return {result, LastError()};
+        return {m_c.Publish(path, "Sales", name, 0), LastError()};
     }
     Connection m_c;
 };
@@ -120,8 +119,7 @@ TEST_F(UploadTest, RedirectsKeepThePostItsBodyAndToken)
 // Every overwrite value but 0 replaces; an empty extract is a body like any other.
 TEST_F(UploadTest, OverwriteValuesAndAnEmptyExtract)
 {
-    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}).On("POST", "/api/2.0/sites/S1/datasources?overwrite=true",
-                                                                                  Response(201).Body(kPublishReply)));
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}).On("POST", kUploadPath + std::string("?overwrite=true"), Response(201).Body(kPublishReply)));
     SignIn(server);
     const std::string path = Extract("empty.qrx", "");
     for (int overwrite : {0, 1, 2, -1, INT_MIN, INT_MAX})

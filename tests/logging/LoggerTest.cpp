@@ -51,12 +51,6 @@ protected:
         EXPECT_EQ(0, child.Status()) << ReadFileBytes(m_dir.File("child.out"));
         return child.Pid();
     }
-    bool LockedElsewhere()
-    {
-        const int fd = open(m_base.c_str(), O_RDONLY | O_CLOEXEC);
-        const bool held = fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-        return close(fd), held;
-    }
     TempDirectory m_dir{"orv-log"};
     int m_logDir = setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1);
     const std::string m_base = m_dir.File("OrvaneSDKServer.log"), m_sibling = m_dir.File("OrvaneSDKServer_1.log");
@@ -162,7 +156,11 @@ TEST_F(LogTest, EveryLineQueuedBeforeCleanupIsWrittenWhole)
 TEST_F(LogTest, LockHolderInAnotherProcessSendsTheLogToTheNextName)
 {
     ChildProcess shell({"/bin/sh", "-c", "exec 9>>\"$0\" && flock -x 9 && exec sleep 60", m_base}, m_dir.File("shell.out"));
-    ASSERT_TRUE(WaitUntil([&] { return LockedElsewhere(); }));
+    ASSERT_TRUE(WaitUntil([&] {  // another process holds the lock
+        const int fd = open(m_base.c_str(), O_RDONLY | O_CLOEXEC);
+        const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+        return close(fd), held;
+    }));
     const long beside = RunChild({"log", "beside the shell"});
     EXPECT_EQ(RunLines(beside, {"beside the shell"}), Payloads(m_sibling));
     shell.Stop();

@@ -58,15 +58,11 @@ struct FakeNetwork : INetwork {
     Strings sent;
 };
 
-std::string SigninReply(const std::string& token = "T", const std::string& site = "S")
-{
-    return "<qsResponse><credentials token=\"" + token + "\"><site id=\"" + site + "\"/></credentials></qsResponse>";
-}
+std::string SigninReply(std::string token = "T", std::string site = "S") { return "<qsResponse><credentials token=\"" + token + "\"><site id=\"" + site + "\"/></credentials></qsResponse>"; }
 using Projects = std::vector<std::pair<std::string, std::string>>;
 std::string PageReply(unsigned long page, unsigned long total, const Projects& projects)
 {
-    std::string xml = "<qsResponse><pagination pageNumber=\"" + std::to_string(page) + "\" pageSize=\"100\" totalAvailable=\"" +
-                      std::to_string(total) + "\"/><projects>";
+    std::string xml = "<qsResponse><pagination pageNumber=\"" + std::to_string(page) + "\" pageSize=\"100\" totalAvailable=\"" + std::to_string(total) + "\"/><projects>";
     for (const auto& [name, id] : projects)
         xml += "<project id=\"" + id + "\" name=\"" + name + "\"/>";
     return xml + "</projects></qsResponse>";
@@ -260,8 +256,7 @@ TEST_F(SessionTest, PublishPagesToTheProjectAndUploadsTheFile)
         for (std::size_t i = 1; i <= pages.size(); ++i)
             expected.push_back(kPages + std::to_string(i) + "|T||");
         const Strings sent = Sent();
-        // The id arrives unescaped from the reply and goes out unescaped again.
-        // The boundary: 28 hyphens and 12 lower-case hex digits.
+            // The boundary: 28 hyphens and 12 lower-case hex digits; the id goes out unescaped as it came.
         const std::string b = sent.back().substr(sent.back().find("boundary=") + 9, 40);
         EXPECT_TRUE(b.find_first_not_of('-') == 28 && b.find_first_not_of("0123456789abcdef", 28) == std::string::npos) << b;
         const auto framing = MultipartFraming(b, xml, "orvane_datasource", path);

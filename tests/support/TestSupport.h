@@ -136,7 +136,7 @@ private:
     int m_status = 0;
 };
 
-// Starts a peer that writes its port to dir/port once it listens; its output goes to dir/output.
+// Starts a peer that writes its port to dir/port once it listens ("{base}" in a Location is its own URL).
 inline unsigned short StartPeer(std::unique_ptr<ChildProcess>& process, const TempDirectory& dir, const std::vector<std::string>& argv)
 {
     process = std::make_unique<ChildProcess>(argv, dir.File("output"));
@@ -149,7 +149,6 @@ inline unsigned short StartPeer(std::unique_ptr<ChildProcess>& process, const Te
 class Response {
 public:
     explicit Response(int status = 200) { Set("status", std::to_string(status)); }
-    // `location`: "/path", or "{base}/path" for the server's own "http(s)://127.0.0.1:port".
     static Response Redirect(int status, const std::string& location) { return Response(status).Header("Location", location); }
     Response& Header(const std::string& name, const std::string& value)
     {
@@ -288,8 +287,8 @@ inline void SetProxyEnvironment(const std::string& proxyUrl, const std::string& 
         value.empty() ? 0 : setenv(name, value.c_str(), 1);
 }
 
-struct ProxyOptions {
-    std::string user, password;  // non-empty: Basic credentials the proxy demands (no blanks or quotes)
+struct ProxyOptions {  // non-empty: Basic credentials the proxy demands (no blanks or quotes)
+    std::string user, password;
 };
 
 // tinyproxy on a free 127.0.0.1 port. A plain request it forwards carries "Via: 1.1 orv-test-proxy
@@ -409,10 +408,9 @@ inline Script PublishScript(const std::vector<Response>& uploads)
         .On("GET", "/api/2.0/sites/S1/projects", Response(200).Body(kProjectsReply))
         .Sequence(kUploadPath, uploads, "POST");
 }
-inline std::vector<RecordedRequest> Uploads(std::vector<RecordedRequest> requests)
+inline std::vector<RecordedRequest> Uploads(std::vector<RecordedRequest> r)  // the POSTs but the sign-in
 {
-    requests.erase(std::remove_if(requests.begin(), requests.end(), [](auto& r) { return r.method != "POST" || r.Path() == "/api/2.0/auth/signin"; }), requests.end());
-    return requests;
+    return r.erase(std::remove_if(r.begin(), r.end(), [](auto& q) { return q.method != "POST" || q.Path() == "/api/2.0/auth/signin"; }), r.end()), r;
 }
 // Each test with its log in a scratch directory and no proxy; Start() starts the library.
 class LibraryTest : public ::testing::Test {
@@ -420,8 +418,7 @@ protected:
     void TearDown() override { OrvServerAPICleanup(); }
     void Start() { ASSERT_EQ(ORV_RESULT_Success, OrvServerAPIInitialize()); }
     std::string Extract(const std::string& name, const std::string& bytes) { return WriteFileBytes(m_dir.File(name), bytes), m_dir.File(name); }
-    // Cleanup writes every queued line before it returns.
-    std::string StopAndReadLog()
+    std::string StopAndReadLog()  // Cleanup writes every queued line before it returns
     {
         EXPECT_EQ(ORV_RESULT_Success, OrvServerAPICleanup());
         return ReadFileBytes(m_dir.File("OrvaneSDKServer.log"));
