@@ -124,9 +124,11 @@ TEST_F(StartupApiTest, HandleKeptPastCleanupAndARestart)
     EXPECT_EQ(ORV_RESULT_Success, fresh.Publish(path, "Sales", "d", 0)) << LastError();
 }
 
-// A child forked after start-up, which has no writer thread, ends when it ends normally.
+// A child forked after start-up, which has no writer thread, ends when it ends normally. (Forked
+// once the start-up lines are written: lines still queued would be copied into the child and left there.)
 TEST_F(ExportedApiTest, ForkedChildEndsNormally)
 {
+    ASSERT_TRUE(WaitUntil([&] { return ReadFileBytes(m_dir.File("OrvaneSDKServer.log")).find("Curl global initialization") != std::string::npos; }));
     std::fflush(nullptr);
     const pid_t child = fork();
     ASSERT_LE(0, child);

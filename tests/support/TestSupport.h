@@ -39,8 +39,7 @@ inline std::vector<std::string> SplitLines(const std::string& text)
         lines.push_back(line.substr(0, line.size() - (!line.empty() && line.back() == '\r')));
     return lines;
 }
-// Polls `done` every 10 ms until it holds (true) or `limit` has passed (false).
-inline bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))
+inline bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))  // polls every 10 ms
 {
     for (const auto end = std::chrono::steady_clock::now() + limit; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         if (std::chrono::steady_clock::now() > end)
@@ -201,8 +200,7 @@ private:
     std::string m_json;
 };
 
-// One request as the test server received it.
-struct RecordedRequest {
+struct RecordedRequest {  // one request as the test server received it
     std::string method, target, body;  // body: only when loaded and stored
     std::vector<std::pair<std::string, std::string>> headers;  // arrival order
     bool bodyComplete = false, continueSent = false;
