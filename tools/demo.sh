@@ -10,15 +10,8 @@ bash tools/install-deps.sh
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)" --target orvane-publish >/dev/null
 
-work=$(mktemp -d /tmp/orvane-demo.XXXXXX)
 source tools/reference-server.sh
-cleanup() {
-  stop_reference_server
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-start_reference_server "$work"
+start_reference_server /tmp/orvane-demo
 echo "Reference server listening on $server (user demo, project \"Samples\" on page 3 of its projects)"
 
 # A sample extract: 4 MiB of data under the .qrx name the server expects.
@@ -30,7 +23,7 @@ ORVANE_PASSWORD=demo-password ORV_SDK_LOGDIR="$work" \
 
 echo
 echo "The server now holds (project, name, size, sha256, site):"
-python3 tools/orvane-reference-server --list --data-dir "$work/data"
+published
 echo
 echo "The library's log ($work/OrvaneSDKServer.log):"
 sed 's/^/  /' "$work/OrvaneSDKServer.log"
