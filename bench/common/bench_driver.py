@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Runs the benchmarks, each beside its reference in alternating runs, prints
-one table of medians, min-max spreads and ratios and, after a full run, puts it
-with the machine's description into bench/RESULTS.md. Started by tools/bench.sh.
-A benchmark is a function below, listed in BENCHMARKS: it runs programs through
-b.alternate and adds its rows with b.row. The nginx peer is peers.py's, the
-statistics and the report report.py's, the opt-in profile lookup_profile.py's.
+"""Runs the benchmarks, each beside its reference in alternating runs, and
+prints one table of medians, min-max spreads and ratios; a full run with
+--profile puts it, with the machine's description, into bench/RESULTS.md.
+Started by tools/bench.sh. A benchmark is a function below, listed in
+BENCHMARKS: it runs programs through b.alternate and adds rows with b.row. The
+nginx peer is peers.py's, the statistics and the report report.py's, the
+opt-in profile lookup_profile.py's.
 """
 
 import argparse
@@ -33,11 +34,6 @@ def log(text):
     print(text, file=sys.stderr, flush=True)
 
 
-def rounds(values, key):
-    """key_1, key_2, ...: every round but the first, cold one."""
-    return [values[f"{key}_{i}"] for i in range(1, LOOKUP_ROUNDS)]
-
-
 class Bench:
     def __init__(self, args):
         self.args, self.build = args, os.path.abspath(args.build)
@@ -45,7 +41,7 @@ class Bench:
         self.env = {k: v for k, v in os.environ.items() if k.lower() not in PROXY_VARIABLES}
         self.env.update(ORV_SDK_LOGDIR=os.path.join(self.workdir, "logs"), TMPDIR=self.workdir, LC_ALL="C")
         os.makedirs(self.env["ORV_SDK_LOGDIR"])
-        self.rows, self.notes, self.tables, self._nginx = [], [], [], None
+        self.rows, self.tables, self._nginx = [], [], None
 
     @property
     def nginx(self):
@@ -60,10 +56,7 @@ class Bench:
         shutil.rmtree(self.workdir, ignore_errors=True)
 
     def exe(self, name):
-        path = os.path.join(self.build, "bench", name)
-        if not os.access(path, os.X_OK):
-            raise RuntimeError("missing benchmark program %s (build first)" % path)
-        return path
+        return os.path.join(self.build, "bench", name)
 
     def run(self, argv, timeout=600):
         """Runs argv to its end: its key=value figures, its output, wall time and CPU time. (Peak memory
@@ -179,13 +172,9 @@ def memory(b):
     for _, size in sizes:
         with open(os.path.join(b.workdir, f"sparse-{size}.qrx"), "wb") as f:
             f.truncate(size)  # sparse: reads as zeros, occupies no disk
-
-    def peak(program, *argv):
-        return b.run([b.exe(program), *argv])["values"]["peak_rss_kib"] / 1024.0
-
     sides = {label: (lambda size=size: b.publish_checked(os.path.join(b.workdir, f"sparse-{size}.qrx"), size)[0]
                      ["peak_rss_kib"] / 1024.0) for label, size in sizes}
-    runs = b.alternate(**sides, base=lambda: peak("startup_lib", "1"))
+    runs = b.alternate(**sides, base=lambda: b.run([b.exe("startup_lib"), "1"])["values"]["peak_rss_kib"] / 1024.0)
     for label, _ in sizes:
         s = stats(runs[label])
         b.row("Memory", "peak RSS, publish " + label, "MiB", s, stats(runs["base"]),
@@ -204,7 +193,10 @@ def lookup(b):
     runs = b.alternate(lib=lambda: b.publish(extract, peers.LOOKUP_PROJECT, LOOKUP_ROUNDS),
                        ref=lambda: b.run([b.exe("lookup_plain_curl"), prefix, pages, peers.TOKEN, n])["values"],
                        parse=lambda: b.run([b.exe("lookup_parse_floor"), b.nginx.pages, pages, n])["values"])
-    each = lambda side, key: [x for v in runs[side] for x in rounds(v, key)]  # noqa: E731
+
+    def each(side, key):  # every round but each process's first, cold one
+        return [v[f"{key}_{i}"] for v in runs[side] for i in range(1, LOOKUP_ROUNDS)]
+
     per_page = 1e6 / peers.LOOKUP_PAGES
     lib, ref, parse = (stats(each(s, k), per_page) for s, k in (("lib", "publish_cpu_s"), ("ref", "gets_cpu_s"),
                                                                  ("parse", "parse_cpu_s")))
@@ -224,20 +216,16 @@ def lookup(b):
 
 
 def logging(b):
-    if not os.access(os.path.join(b.build, "bench/logging_spdlog_bench"), os.X_OK):
-        b.notes.append("Logging: logging_spdlog_bench not built (libspdlog-dev missing); skipped.")
-        return
     # Two rounds a process, the second with the order swapped.
     runs = [b.run([b.exe("logging_spdlog_bench"), "2"])["values"] for _ in range(b.args.runs)]
-    each = lambda key: [v[f"{key}_{i}"] for v in runs for i in (0, 1)]  # noqa: E731
     for key, label, unit, factor, note in (
-            ("queue1", "caller cost per QueueMessage, 1 thread", "ns", 1e4, "reference: spdlog async logger, "
-             "flush per line"),
-            ("queue8", "caller cost per QueueMessage, 8 threads", "ns", 1e4, "8 threads share the 100,000 calls; "
-             "wall time / calls"),
+            ("queue1", "caller cost per QueueMessage, 1 thread", "ns", 1e4,
+             "reference: spdlog async logger, flush per line"),
+            ("queue8", "caller cost per QueueMessage, 8 threads", "ns", 1e4,
+             "8 threads share the 100,000 calls; wall time / calls"),
             ("drain", "100,000 lines on disk, first call to writer joined", "ms", 1e3, "")):
-        b.row("Logging", label, unit, stats(each(f"lib_{key}_s"), factor), stats(each(f"spdlog_{key}_s"), factor),
-              note)
+        lib, ref = ([v[f"{who}_{key}_s_{i}"] for v in runs for i in (0, 1)] for who in ("lib", "spdlog"))
+        b.row("Logging", label, unit, stats(lib, factor), stats(ref, factor), note)
 
 
 def startup(b):
@@ -247,7 +235,8 @@ def startup(b):
 
     runs = b.alternate(2, lib=lambda: cycles("startup_lib"), ref=lambda: cycles("startup_curl"))
     for i, label, unit, factor, note in (
-            (0, "first Initialize+Cleanup in a process", "us", 1e6, "reference: curl_global_init + curl_global_cleanup"),
+            (0, "first Initialize+Cleanup in a process", "us", 1e6,
+             "reference: curl_global_init + curl_global_cleanup"),
             (1, "later Initialize+Cleanup (median of 19)", "us", 1e6, ""),
             (2, "whole process: exec, one cycle, exit", "ms", 1e3, "")):
         b.row("Start-up", label, unit, stats([r[i] for r in runs["lib"]], factor),
@@ -285,13 +274,14 @@ def main():
         bench.cleanup()
 
     lines = ["## Figures", ""] + report.machine(load_before, args.runs, args.quick) + [""] + report.table(bench.rows)
-    lines += ([""] + bench.notes if bench.notes else []) + [line for t in bench.tables for line in t]
+    lines += [line for t in bench.tables for line in t]
     print("\n".join(lines))
-    if args.results and not args.quick and set(only) == set(BENCHMARKS):
+    # The profile's figures are part of the file, so only a full, profiled run replaces them.
+    if args.results and not args.quick and set(only) == set(BENCHMARKS) and args.profile:
         report.write_results(args.results, lines)
         log("wrote " + args.results)
     elif args.results:
-        log("%s left as it is: only a full run replaces its figures" % args.results)
+        log("%s left as it is: only a full run with --profile replaces its figures" % args.results)
 
 
 if __name__ == "__main__":

@@ -1,10 +1,7 @@
-"""The benchmarks' peer: one nginx on a free loopback port, with its own
-configuration, prefix, pid and logs under the run's scratch directory, stopped
-by its own process id. It answers sign-in and the upload with fixed XML, serves
-the project pages as static files (100 projects a page, with id, name and
-description), and reads upload bodies of any size to their end, discarding
-them; it answers an upload at once and logs it once the body has been read.
-"""
+"""The benchmarks' peer: one nginx on a free loopback port, its configuration, pid and logs in the
+run's scratch directory, stopped by its own process id. It answers sign-in and the upload with
+fixed XML and serves the project pages as files; it answers an upload at once, reads the body to
+its end, discarding it, and logs the upload then."""
 
 import hashlib
 import os
@@ -100,14 +97,13 @@ class Nginx:
             raise RuntimeError("nginx did not start: " + f.read()[-2000:])
 
     def stop(self):
-        if self.process is not None and self.process.poll() is None:
+        if self.process is not None:
             self.process.terminate()
             try:
                 self.process.wait(timeout=10)
             except subprocess.TimeoutExpired:
                 self.process.kill()
-                self.process.wait(timeout=10)
-        self.process = None
+            self.process = None
 
     @property
     def url(self):

@@ -1,16 +1,12 @@
 // The library's file logger beside spdlog's asynchronous logger set up the
-// same way: one writer thread, a queue the caller never waits on (sized for
-// every line of a measurement), the same header fields (date, time with
-// milliseconds, thread id) and lines, and a flush after every line.
+// same way: one writer thread, a queue the caller never waits on, the same
+// header fields (date, time with milliseconds, thread id) and lines, a flush
+// after every line. Per logger and round (the first logger alternating):
+// queue1, the callers' time for 100,000 calls from 1 thread, writer running;
+// queue8, the same calls spread over 8 threads; drain, from the first call
+// (1 thread) until every line is written and the writer joined.
 //
-// Three figures per logger, rounds alternating which logger goes first:
-//   queue1  caller-side time for 100,000 calls from 1 thread, writer running
-//   queue8  the same 100,000 calls spread over 8 threads
-//   drain   from the first call (1 thread) until the writer has written and
-//           flushed every line and has been joined
-//
-// Usage: logging_spdlog_bench [ROUNDS]   (default 5; files in a fresh directory
-// under $TMPDIR or /tmp, removed afterwards). Prints lib_*_s_i and spdlog_*_s_i.
+// Usage: logging_spdlog_bench [ROUNDS]   (default 5). Prints lib_*_s_i and spdlog_*_s_i.
 #include "bench/common/BenchSupport.h"
 #include "logging/SimpleLogger.h"
 #include "sys/Thread.h"
@@ -34,16 +30,11 @@ namespace {
 
 constexpr int kLines = 100000;  // per measurement, whatever the thread count
 
+// A fresh directory under $TMPDIR (or /tmp), removed afterwards.
 struct Directory {
-    Directory()
-    {
-        const char* base = std::getenv("TMPDIR");
-        path = std::string(base && *base ? base : "/tmp") + "/orv-spdlog-bench-XXXXXX";
-        if (!::mkdtemp(&path[0]))
-            Fail("mkdtemp failed");
-    }
+    Directory() { std::filesystem::create_directory(path); }
     ~Directory() { std::filesystem::remove_all(path); }
-    std::string path;
+    std::string path = std::filesystem::temp_directory_path() / ("orv-spdlog-bench-" + std::to_string(::getpid()));
 };
 
 // The texts, made before any clock starts.
@@ -88,12 +79,8 @@ Timing Library(const Lines& lines)
     RefCntPtr<SimpleLogger> logger(new SimpleLogger(std::wstring(file.begin(), file.end()), 0));
     RefCntPtr<Thread> writer(new Thread(RefCntPtr<Runnable>(logger)));
     writer->Start();
-    return Measure(
-        lines, [&](const std::string& line) { logger->QueueMessage(line); },
-        [&] {
-            logger->QueueStop();
-            writer->Join();
-        });
+    return Measure(lines, [&](const std::string& line) { logger->QueueMessage(line); },
+                   [&] { logger->QueueStop(); writer->Join(); });
 }
 
 Timing Spdlog(const Lines& lines)
@@ -105,12 +92,8 @@ Timing Spdlog(const Lines& lines)
     auto logger = std::make_shared<spdlog::async_logger>("bench", sink, pool, spdlog::async_overflow_policy::block);
     logger->set_pattern("%Y-%m-%d %H:%M:%S.%e (%t): %v");
     logger->flush_on(spdlog::level::trace);  // a flush after every line, as the library does
-    return Measure(
-        lines, [&](const std::string& line) { logger->info(line); },
-        [&] {
-            logger.reset();
-            pool.reset();  // joins the worker once it has written everything queued
-        });
+    // Dropping the pool joins its worker once it has written everything queued.
+    return Measure(lines, [&](const std::string& line) { logger->info(line); }, [&] { logger.reset(); pool.reset(); });
 }
 
 }  // namespace
@@ -119,25 +102,21 @@ int main(int argc, char** argv)
 {
     const int rounds = Number(argc, argv, 1, 5, 1, 1000);
     const Lines lines1 = MakeLines(1), lines8 = MakeLines(8);
+    Timing (*const logger[2])(const Lines&) = {&Library, &Spdlog};
     for (int round = 0; round < rounds; ++round) {
+        Timing t[2][2];  // [library, spdlog][1 thread, 8 threads]
         // Alternate which logger goes first, so neither always meets a warm cache.
-        Timing lib1{}, lib8{}, spd1{}, spd8{};
         for (int turn = 0; turn < 2; ++turn) {
-            if ((turn + round) % 2 == 0) {
-                lib1 = Library(lines1);
-                lib8 = Library(lines8);
-            } else {
-                spd1 = Spdlog(lines1);
-                spd8 = Spdlog(lines8);
-            }
+            const int who = (turn + round) % 2;
+            t[who][0] = logger[who](lines1);
+            t[who][1] = logger[who](lines8);
         }
-        const std::string suffix = "_" + std::to_string(round);
-        Report("lib_queue1_s" + suffix, lib1.callers);
-        Report("spdlog_queue1_s" + suffix, spd1.callers);
-        Report("lib_queue8_s" + suffix, lib8.callers);
-        Report("spdlog_queue8_s" + suffix, spd8.callers);
-        Report("lib_drain_s" + suffix, lib1.written);
-        Report("spdlog_drain_s" + suffix, spd1.written);
+        for (int who = 0; who < 2; ++who) {
+            const std::string name = who == 0 ? "lib_" : "spdlog_", suffix = "_s_" + std::to_string(round);
+            Report(name + "queue1" + suffix, t[who][0].callers);
+            Report(name + "queue8" + suffix, t[who][1].callers);
+            Report(name + "drain" + suffix, t[who][0].written);
+        }
     }
     return 0;
 }

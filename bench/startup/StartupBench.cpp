@@ -1,11 +1,7 @@
-// Start-up and shutdown of the library (OrvServerAPIInitialize followed by
-// OrvServerAPICleanup) or, built as the reference, of libcurl alone
-// (curl_global_init followed by curl_global_cleanup). Built twice, so that the
-// reference process loads libcurl only and whole-process times compare too.
-//
-// The first cycle in a process pays the one-time costs (lazy symbol binding,
-// TLS library set-up, first allocations); later cycles show what a host pays
-// for every further start and stop.
+// Start-up and shutdown of the library (OrvServerAPIInitialize, OrvServerAPICleanup) or, built as the
+// reference, of libcurl alone (curl_global_init, curl_global_cleanup), in a process that loads only
+// what it needs. The first cycle pays the one-time costs (symbol binding, TLS library set-up, first
+// allocations); later ones show what a host pays for every further start and stop.
 //
 // Usage: startup_lib|startup_curl [CYCLES]   (default 50). Prints key=value lines.
 #include "bench/common/BenchSupport.h"

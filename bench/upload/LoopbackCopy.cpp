@@ -1,8 +1,6 @@
-// The floor for an upload on this machine: the bytes of a file read into a
-// user buffer and written to a loopback TCP socket, received and discarded by
-// a second thread, with no HTTP on either side. Any client that streams a file
-// from user space pays at least these copies (file -> buffer -> socket ->
-// receiver), so its time is what an upload could approach, not beat.
+// The floor for an upload on this machine: a file read into a user buffer and written to a loopback
+// TCP socket, received and discarded by a second thread, no HTTP on either side. Any client streaming
+// a file from user space pays at least these copies, so this is what an upload could approach.
 //
 // Usage: loopback_copy FILE [CHUNK-BYTES]   (default 65536, libcurl's upload
 // buffer). Prints copy_wall_s and copy_bytes.

@@ -1,10 +1,7 @@
-// Publishes one extract through the exported C API, as a user program would,
-// and reports what each publish call cost: wall time, CPU time of the whole
-// process (the log writer included) and the bytes the process read meanwhile,
-// which show that the whole file went out (libcurl asks for the next chunk
-// only once the last one is sent). At the end, the process's peak resident
-// set. Start-up and sign-in are not timed. Used for the upload, memory and
-// lookup figures.
+// Publishes one extract through the exported C API, as a user program would, and reports what each
+// publish call cost: wall time, CPU time of the whole process (the log writer included) and the bytes
+// read meanwhile, which show that the whole file went out (libcurl asks for the next chunk only once
+// the last one is sent); at the end, the peak resident set. Start-up and sign-in are not timed.
 //
 // Usage: publish_bench URL PROJECT FILE.qrx [ROUNDS]   round i's figures carry the suffix _i.
 #include "bench/common/BenchSupport.h"
