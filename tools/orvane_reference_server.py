@@ -317,7 +317,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.remaining -= len(data)
         return data
 
-    def do_GET(self):
+    def dispatch(self):
         self.remaining = 0
         try:
             length = (self.headers.get("Content-Length") or "0").strip()
@@ -348,7 +348,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         finally:
             self.continue_pending = False
 
-    do_POST = do_PUT = do_DELETE = do_GET
+    do_GET = do_POST = do_PUT = do_DELETE = dispatch
 
     def reply(self, status, body, content_type="application/xml;charset=UTF-8", note=""):
         try:  # an unread body is read and dropped, unless the client still waits for 100 Continue
