@@ -462,16 +462,25 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
 
     // The file is created (never truncated) before the lock is taken and only
     // cut once the lock is ours, so a log that another process is writing is
-    // never touched.
-    const int fd = ::open(native.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    // never touched. A link at the name is refused like a locked file: in a
+    // shared directory another user could point it at a file of ours. The log
+    // holds user names and server replies, so a new one is the owner's alone.
+    const int fd = ::open(native.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0)
         return false;
-    // The lock lives on a read handle of its own; "e" keeps it out of programs
-    // the host starts, which would otherwise hold the lock after we let go.
-    FILE* lockFile = std::fopen(native.c_str(), "re");
-    if (!lockFile || ::flock(::fileno(lockFile), LOCK_EX | LOCK_NB) != 0) {
+    // The lock lives on a read handle of its own, close-on-exec so that
+    // programs the host starts do not hold the lock after we let go. It must
+    // be the same file: the name may have been replaced since the first open.
+    const int lockFd = ::open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    FILE* lockFile = lockFd < 0 ? nullptr : ::fdopen(lockFd, "r");
+    struct stat written {}, locked {};
+    if (!lockFile || ::fstat(fd, &written) != 0 || ::fstat(lockFd, &locked) != 0 ||
+        written.st_dev != locked.st_dev || written.st_ino != locked.st_ino ||
+        ::flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
         if (lockFile)
             std::fclose(lockFile);
+        else if (lockFd >= 0)
+            ::close(lockFd);
         ::close(fd);
         return false;
     }

@@ -3,6 +3,7 @@
 #include "server/ServerException.h"
 #include "server/XmlReplyParser.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace OrvaneInternal {
@@ -49,9 +50,23 @@ void EndElement(void* userData, const char*)
 
 }  // namespace
 
+namespace {
+
+// The token and site id go into header lines and URLs of every later
+// request, and libcurl does not check header values: a CR or LF there would
+// add lines of the server's choosing.
+bool HasControlCharacter(const std::wstring& text)
+{
+    return std::any_of(text.begin(), text.end(), [](wchar_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); });
+}
+
+}  // namespace
+
 ConnectRespMsg::ConnectRespMsg(const std::string& reply)
 {
     XmlReplyParser::Parse(reply, this, &StartElement, &EndElement);
+    if (HasControlCharacter(m_token) || HasControlCharacter(m_siteId))
+        throw ServerException(ServerException::ResponseParseFailed);
 }
 
 }  // namespace OrvaneInternal
