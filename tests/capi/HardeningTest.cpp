@@ -1,8 +1,5 @@
-// Hostile and unlucky situations met through the exported functions: links
-// planted at the log's names, a permissive umask, a sign-in reply that would
-// inject header lines, an extract swapped for a pipe or unreadable to the
-// caller. Each row: what the caller sees, the log line that explains it, a
-// log of mode 0600, and nothing changed outside the log directory.
+// Hostile and unlucky situations through the exported functions. Each row: what the caller sees,
+// the log line that explains it, a log of mode 0600, and nothing changed outside the log directory.
 #include "CapiTestSupport.h"
 
 #include <netinet/in.h>
@@ -21,27 +18,21 @@ namespace {
 
 using HardeningTest = LibraryTest;
 
-// Every entry of `dir` with its type, mode and bytes.
 std::map<std::string, std::string> Snapshot(const std::string& dir)
 {
     std::map<std::string, std::string> entries;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        struct stat st {};
-        ::lstat(entry.path().c_str(), &st);
-        entries[entry.path().string()] = std::to_string(st.st_mode) + ":" + OrvaneTest::ReadFileBytes(entry.path());
-    }
+    for (const auto& entry : std::filesystem::directory_iterator(dir))
+        entries[entry.path()] = std::to_string(static_cast<int>(entry.symlink_status().permissions())) + ":" +
+                                OrvaneTest::ReadFileBytes(entry.path());
     return entries;
 }
 
-// A loopback listener that answers one GET with the project page, running
-// `during` after the request has arrived and before the page goes out.
+// Loopback: answers one GET with the project page, running `during` once the request is in.
 class PageServer {
 public:
-    PageServer() : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    PageServer()
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
         auto* generic = reinterpret_cast<sockaddr*>(&address);
         EXPECT_TRUE(::bind(m_fd, generic, length) == 0 && ::listen(m_fd, 4) == 0 &&
@@ -49,30 +40,29 @@ public:
         m_url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/page";
     }
     ~PageServer() { ::close(m_fd); }
-    const std::string& Url() const { return m_url; }
     void Serve(const std::function<void()>& during) const
     {
         pollfd listening{m_fd, POLLIN, 0};
-        if (::poll(&listening, 1, 10000) != 1)
-            return;
-        const int client = ::accept(m_fd, nullptr, nullptr);
-        std::string head(4096, '\0');
+        const int client = ::poll(&listening, 1, 10000) == 1 ? ::accept(m_fd, nullptr, nullptr) : -1;
         pollfd readable{client, POLLIN, 0};
-        for (std::size_t got = 0; head.find("\r\n\r\n") == std::string::npos && ::poll(&readable, 1, 10000) == 1;) {
-            const ssize_t n = ::read(client, &head[got], head.size() - got);
-            got += n > 0 ? static_cast<std::size_t>(n) : head.size();
+        char buffer[4096];
+        std::string head;
+        for (ssize_t n = 1; n > 0 && head.find("\r\n\r\n") == std::string::npos;) {
+            n = ::poll(&readable, 1, 10000) == 1 ? ::read(client, buffer, sizeof buffer) : 0;
+            head.append(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
         }
         during();
-        const std::string page = std::string("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: ") +
+        const std::string page = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
                                  std::to_string(sizeof kProjectsReply - 1) + "\r\n\r\n" + kProjectsReply;
         EXPECT_EQ(static_cast<ssize_t>(page.size()), ::write(client, page.data(), page.size()));
         ::close(client);
     }
-
-private:
-    int m_fd;
+    int m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     std::string m_url;
 };
+
+const char kInjecting[] = "<qsResponse><credentials token=\"T0K3N&#13;&#10;X-Injected: yes\"><site id=\"S1\"/>"
+                          "</credentials></qsResponse>";
 
 std::string Seen(ORV_RESULT result) { return std::to_string(result) + " '" + LastError() + "'"; }
 
@@ -80,30 +70,30 @@ std::string Seen(ORV_RESULT result) { return std::to_string(result) + " '" + Las
 
 TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
 {
+    const mode_t umask = ::umask(022);
     OrvaneTest::TempDirectory outside("orv-outside");
     OrvaneTest::WriteFileBytes(outside.File("victim"), "precious");
     ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0711));  // a caller without privileges still finds the extract
     PageServer pages;
-    TestHttpServer server(
-        OrvaneTest::Script()
-            .Sequence("/api/2.0/auth/signin",
-                      {Response(200).Body("<qsResponse><credentials token=\"T0K3N&#13;&#10;X-Injected: yes\">"
-                                          "<site id=\"S1\"/></credentials></qsResponse>"),
-                       Response(200).Body(kSignInReply)},
-                      "POST")
-            .On("GET", "/api/2.0/sites/S1/projects", Response::Redirect(302, pages.Url())));
-    const std::string extract = m_dir.File("x.qrx");
-    const std::string failedOpen = "): Error: Failed to open file: " + extract + "\n";
-    // Signs in and publishes `extract` on a thread of its own (as user nobody if asked) while the page is served.
+    TestHttpServer server(OrvaneTest::Script()
+                              .Sequence("/api/2.0/auth/signin",
+                                        {Response(200).Body(kInjecting), Response(200).Body(kSignInReply)})
+                              .On("GET", "/api/2.0/sites/S1/projects", Response::Redirect(302, pages.m_url)));
+    const std::string extract = m_dir.File("x.qrx"), failedOpen = "): Error: Failed to open file: " + extract + "\n";
+    const std::string ok = "0 'untouched'", pid = "): pid=", unknown = ok + ok + ok + "3 'Unknown error'";
+    const std::string log = "OrvaneSDKServer.log", log1 = "OrvaneSDKServer_1.log", fifo = m_dir.File("fifo");
+    // Starts, signs in, publishes `extract` on a thread of its own (as user nobody if asked: the raw
+    // system call changes that thread only) while the page is served.
     auto publish = [&](const std::function<void()>& during, bool unprivileged) {
+        OrvaneTest::WriteFileBytes(extract, "qrx");
         Connection connection;
-        std::string seen = Seen(connection.Create());
+        std::string seen = Seen(OrvServerAPIInitialize());
+        seen += Seen(connection.Create());
         seen += Seen(connection.Connect(server.BaseUrl(), "u", "secret"));
-        const bool signedIn = seen == "0 'untouched'0 'untouched'";
+        const bool signedIn = seen == ok + ok + ok;
+        EXPECT_EQ(0, ::chmod(extract.c_str(), unprivileged ? 0 : 0600));
         std::thread caller([&] {
-            if (unprivileged && ::geteuid() == 0) {
-                ASSERT_EQ(0, ::syscall(SYS_setresuid, -1, 65534, -1));  // this thread only
-            }
+            EXPECT_TRUE(!unprivileged || ::geteuid() != 0 || ::syscall(SYS_setresuid, -1, 65534, -1) == 0);
             seen += Seen(connection.Publish(extract, "Sales", "d", 0));
         });
         if (signedIn)
@@ -111,58 +101,41 @@ TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
         caller.join();
         return seen;
     };
-    auto writeExtract = [&] { OrvaneTest::WriteFileBytes(extract, "qrx"); };
-    const std::string pid = "): pid=", started = "0 'untouched'", published = "0 'untouched'0 'untouched'";
-    const struct {
-        const char* situation;
-        mode_t umask;
-        std::function<void()> prepare;
-        std::function<std::string()> act;
-        std::string expected, logName, logLine;
-    } rows[] = {
-        {"link to a file of ours at the log path", 022,
-         [&] { ASSERT_EQ(0, ::symlink(outside.File("victim").c_str(), m_dir.File("OrvaneSDKServer.log").c_str())); },
-         [] { return ""; }, started, "OrvaneSDKServer_1.log", pid},
-        {"dangling link at the log path", 022,
-         [&] { ASSERT_EQ(0, ::symlink(outside.File("new").c_str(), m_dir.File("OrvaneSDKServer.log").c_str())); },
-         [] { return ""; }, started, "OrvaneSDKServer_1.log", pid},
-        {"umask 000", 0, [] {}, [] { return ""; }, started, "OrvaneSDKServer.log", pid},
-        {"token with CR/LF: a malformed reply, signed out", 022, writeExtract,
-         [&] { return publish([] {}, false); },
-         started + published.substr(0, 13) + "300 ''402 'Connect must be called first'", "OrvaneSDKServer.log",
-         "): Connecting: " + server.BaseUrl() + "\n"},
-        {"pipe swapped in while the projects are paged", 022, writeExtract,
-         [&] {
-             const std::string fifo = m_dir.File("fifo");
-             EXPECT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
-             return publish([&] { EXPECT_EQ(0, ::rename(fifo.c_str(), extract.c_str())); }, false);
-         },
-         started + published + "3 'Unknown error'", "OrvaneSDKServer.log", failedOpen},
-        {"file the caller may not read", 022, [&] { writeExtract(), ::chmod(extract.c_str(), 0); },
-         [&] { return publish([] {}, true); }, started + published + "3 'Unknown error'", "OrvaneSDKServer.log",
+    auto linkLogTo = [&](const std::string& target) {
+        EXPECT_EQ(0, ::symlink(outside.File(target).c_str(), m_dir.File(log).c_str()));
+        return Seen(OrvServerAPIInitialize());
+    };
+    auto swapInPipe = [&] {
+        EXPECT_TRUE(::mkfifo(fifo.c_str(), 0600) == 0 && ::rename(fifo.c_str(), extract.c_str()) == 0);
+    };
+    const struct { const char* situation; std::function<std::string()> act; std::string expected, logName, logLine; }
+    rows[] = {
+        {"link to a file of ours at the log path", [&] { return linkLogTo("victim"); }, ok, log1, pid},
+        {"dangling link at the log path", [&] { return linkLogTo("new"); }, ok, log1, pid},
+        {"umask 000, kept for the rows after it", [] { return ::umask(0), Seen(OrvServerAPIInitialize()); }, ok, log,
+         pid},
+        {"token with CR/LF: a malformed reply, signed out", [&] { return publish([] {}, false); },
+         ok + ok + "300 ''402 'Connect must be called first'", log, "): Connecting: " + server.BaseUrl() + "\n"},
+        {"pipe swapped in while the projects are paged", [&] { return publish(swapInPipe, false); }, unknown, log,
          failedOpen},
+        {"file the caller may not read", [&] { return publish([] {}, true); }, unknown, log, failedOpen},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.situation);
-        row.prepare();
         const auto before = Snapshot(outside.Path());
         OrvSetLastErrorMessage(L"untouched");
-        const mode_t saved = ::umask(row.umask);
-        std::string seen = Seen(OrvServerAPIInitialize());
-        ::umask(saved);
-        seen += row.act();
-        EXPECT_EQ(row.expected, seen);
+        EXPECT_EQ(row.expected, row.act());
         EXPECT_EQ(ORV_RESULT_Success, OrvServerAPICleanup());
         EXPECT_EQ(before, Snapshot(outside.Path()));
-        const std::string log = OrvaneTest::ReadFileBytes(m_dir.File(row.logName));
-        EXPECT_NE(std::string::npos, log.find(row.logLine)) << log;
-        EXPECT_EQ(std::string::npos, log.find("secret"));
+        const std::string text = OrvaneTest::ReadFileBytes(m_dir.File(row.logName));
+        EXPECT_NE(std::string::npos, text.find(row.logLine)) << text;
+        EXPECT_EQ(std::string::npos, text.find("secret"));
         struct stat st {};
-        EXPECT_EQ(0, ::stat(m_dir.File(row.logName).c_str(), &st));
-        EXPECT_EQ(0600u, st.st_mode & 07777);
+        EXPECT_EQ(0600u, ::stat(m_dir.File(row.logName).c_str(), &st) == 0 ? st.st_mode & 07777 : 0);
         for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path()))
             std::filesystem::remove(entry.path());
     }
     for (const RecordedRequest& request : server.Requests(false))
         EXPECT_FALSE(request.HasHeader("X-Injected"));
+    ::umask(umask);
 }
