@@ -43,12 +43,6 @@ struct EasyDeleter {
 };
 using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
 
-void Check(CURLcode code)
-{
-    if (code != CURLE_OK)
-        throw CurlNetworkException(code);
-}
-
 template <class T>
 void SetOpt(CURL* handle, CURLoption option, T value)
 {
@@ -258,7 +252,6 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
         SetOpt(handle, CURLOPT_READDATA, static_cast<void*>(&request));
         SetOpt(handle, CURLOPT_SEEKFUNCTION, &SeekFunction);
         SetOpt(handle, CURLOPT_SEEKDATA, static_cast<void*>(&request));
-        SetOpt(handle, CURLOPT_FOLLOWLOCATION, 1L);
         SetOpt(handle, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
     } else {
         SetOpt(handle, CURLOPT_HTTPGET, 1L);

@@ -5,6 +5,7 @@
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
 #include "rest/BufferReply.h"
+#include "server/CurlErrorLog.h"
 #include "server/ConnectReqMsg.h"
 #include "server/ConnectRespMsg.h"
 #include "server/MessageConversion.h"
@@ -74,9 +75,7 @@ std::string ServerConnection::Send(const ReqMsg& message)
     try {
         m_network->Send(*request, *reply);
     } catch (const CurlNetworkException& e) {
-        RefCntPtr<Logger> logger = Logger::Get();
-        logger->QueueMessage(std::string("Curl Error:"));
-        logger->QueueMessage(std::string(e.what()));
+        LogCurlError(e);
         throw ServerException(ServerException::NetworkFailure, Unicode::ToWideChar(e.what()).str());
     }
     std::string body = ConvertRestReply(*reply, message.m_repType);
