@@ -27,12 +27,20 @@ bool TransientNetworkText(const std::string& text)
 std::string NetworkHint(const std::string& text, const Options& o)
 {
     if (text.find("SSL") != std::string::npos || text.find("certificate") != std::string::npos)
-        return o.cacert.empty() ? "; a server with a private CA needs --cacert FILE" : "; check --cacert " + o.cacert;
+        return o.cacert.empty() ? "A server with a private CA needs --cacert FILE" : "Check --cacert " + o.cacert;
     if (text.find("redirects") != std::string::npos)
-        return Printf(" (--max-redirects %ld)", o.maxRedirects);
+        return Printf("At most %ld are followed (--max-redirects)", o.maxRedirects);
     if (text.find("resolve") != std::string::npos || text.find("Couldn't connect") != std::string::npos)
-        return "; check --server " + o.server;
+        return "Check --server " + o.server;
     return "";
+}
+
+// "TEXT. Hint." whether or not TEXT ends its sentence itself.
+std::string WithHint(const std::string& text, const std::string& hint)
+{
+    if (hint.empty())
+        return text;
+    return text + (!text.empty() && text.back() == '.' ? " " : ". ") + hint + ".";
 }
 
 // "(HTTP 409): Resource Conflict: A data source named ..." or "(HTTP 409)".
@@ -187,17 +195,16 @@ Outcome Session::Classify(int code, bool signIn)
     const Options& o = *m_settings.options;
     Outcome out;
     out.code = code;
+    if (m_handle != nullptr)
+        OrvServerConnectionGetHttpStatus(m_handle, &out.status);
     if (code == ORV_RESULT_Success) {
         out.kind = Kind::Published;
         return out;
     }
     out.error = LastError();
-    if (m_handle != nullptr) {
-        const wchar_t* reason = nullptr;
-        OrvServerConnectionGetHttpStatus(m_handle, &out.status);
-        if (OrvServerConnectionGetServerReason(m_handle, &reason) == ORV_RESULT_Success)
-            out.reason = Narrow(reason);
-    }
+    const wchar_t* reason = nullptr;
+    if (m_handle != nullptr && OrvServerConnectionGetServerReason(m_handle, &reason) == ORV_RESULT_Success)
+        out.reason = Narrow(reason);
     const long s = out.status;
     switch (code) {
     case ORV_RESULT_Cancelled:
@@ -207,18 +214,18 @@ Outcome Session::Classify(int code, bool signIn)
     case ORV_RESULT_TimedOut:
         out.kind = Kind::TimedOut;
         out.transient = true;
-        out.message = "timed out (" + out.error + Printf("; --connect-timeout %ld, --stall-timeout %ld)",
-                                                          o.connectTimeout, o.stallTimeout);
+        out.message = WithHint("timed out: " + out.error, Printf("Limits: --connect-timeout %ld, --stall-timeout %ld",
+                                                                  o.connectTimeout, o.stallTimeout));
         return out;
     case ORV_SERVER_NetworkFailure:
         out.kind = Kind::Network;
         out.transient = TransientNetworkText(out.error);
-        out.message = "cannot reach the server: " + out.error + NetworkHint(out.error, o);
+        out.message = WithHint("cannot reach the server: " + out.error, NetworkHint(out.error, o));
         return out;
     case ORV_SERVER_InvalidPublishInput:
         // Files were checked before signing in: this is the project lookup.
         out.kind = out.error.rfind("Project ", 0) == 0 ? Kind::Refused : Kind::Other;
-        out.message = out.error + (out.kind == Kind::Refused ? " (project names are case-sensitive)" : "");
+        out.message = WithHint(out.error, out.kind == Kind::Refused ? "Project names are case-sensitive" : "");
         return out;
     case ORV_SERVER_ServerResponseError:
         if (s >= 500) {
@@ -231,14 +238,14 @@ Outcome Session::Classify(int code, bool signIn)
             out.kind = signIn ? Kind::SignInRefused : Kind::Refused;
             std::string hint;
             if (signIn && s == 401)
-                hint = "; check the user name, the password and --site";
+                hint = "Check the user name, the password and --site";
             else if (signIn && s == 403)
-                hint = Printf("; user \"%s\" may not sign in to this site", o.user.c_str());
+                hint = Printf("User \"%s\" may not sign in to this site", o.user.c_str());
             else if (signIn && s == 404)
-                hint = "; check --server and --site";
+                hint = "Check --server and --site";
             else if (s == 409)
-                hint = "; use --overwrite to replace it";
-            out.message = (signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out) + hint;
+                hint = "Use --overwrite to replace it";
+            out.message = WithHint((signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out), hint);
             return out;
         }
         break;

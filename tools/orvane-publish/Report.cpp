@@ -48,12 +48,20 @@ void Summarize(const Run& run, Console& console)
 {
     const Options& o = *run.options;
     const int status = ExitStatus(run);
+    const size_t published = Count(run, Kind::Published), total = run.jobs.size();
+    const char* files = total == 1 ? "file" : "files";
+    // Told on stderr with --json as well: a person may be watching.
+    if (run.signal != 0)
+        console.Err(Printf("interrupted: %zu of %zu %s published, %zu cancelled, %zu not started", published, total,
+                           files, Count(run, Kind::Interrupted), Count(run, Kind::NotStarted)));
+    else if (run.signIn.kind != Kind::Published)
+        console.Err(Printf("nothing published: sign-in to %s failed", o.server.c_str()));
     if (o.json) {
         std::string text = "{\"server\": " + Json(o.server) + ", \"site\": " + Json(o.site) +
                            ", \"project\": " + Json(o.project) + ", \"dry_run\": " + (o.dryRun ? "true" : "false") +
                            ", \"result\": " + Json(Overall(run, status)) + Printf(", \"exit_code\": %d", status) +
-                           Printf(", \"published\": %zu, \"files_total\": %zu, \"seconds\": %.3f", Count(run, Kind::Published),
-                                  run.jobs.size(), run.seconds) +
+                           Printf(", \"published\": %zu, \"files_total\": %zu, \"seconds\": %.3f", published, total,
+                                  run.seconds) +
                            ",\n \"sign_in\": {" + JsonOutcome(run.signIn, "signed-in") + "},\n \"files\": [";
         for (size_t i = 0; i < run.jobs.size(); ++i) {
             const Job& job = run.jobs[i];
@@ -66,22 +74,16 @@ void Summarize(const Run& run, Console& console)
         std::fflush(stdout);
         return;
     }
-    const size_t published = Count(run, Kind::Published), total = run.jobs.size();
-    const char* files = total == 1 ? "file" : "files";
-    if (run.signal != 0) {
-        console.Err(Printf("interrupted: %zu of %zu %s published, %zu cancelled, %zu not started", published, total,
-                           files, Count(run, Kind::Interrupted), Count(run, Kind::NotStarted)));
-    } else if (run.signIn.kind != Kind::Published) {
-        console.Err(Printf("nothing published: sign-in to %s failed", o.server.c_str()));
-    } else if (o.dryRun) {
-        if (status == kExitPublished)
-            console.Out(Printf("dry run: signed in to %s as %s, project \"%s\" found, %zu %s checked; nothing stored",
-                               o.server.c_str(), o.user.c_str(), o.project.c_str(), total, files));
-    } else {
+    if (run.signal != 0 || run.signIn.kind != Kind::Published)
+        return;
+    if (!o.dryRun) {
         const size_t failed = total - published;
         console.Out(Printf("%zu of %zu %s published to %s, project \"%s\", in %.2f s", published, total, files,
                            o.server.c_str(), o.project.c_str(), run.seconds) +
                     (failed ? Printf("; %zu failed", failed) : ""));
+    } else if (status == kExitPublished) {
+        console.Out(Printf("dry run: signed in to %s as %s, project \"%s\" found, %zu %s checked; nothing stored",
+                           o.server.c_str(), o.user.c_str(), o.project.c_str(), total, files));
     }
 }
 
