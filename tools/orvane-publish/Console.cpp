@@ -24,7 +24,7 @@ std::string Figures(uint64_t sent, uint64_t total, double rate)
            "  " + FormatRate(rate) + "  ETA " + eta;
 }
 
-}  // namespace
+} // namespace
 
 Console::Console(bool meter, bool combined, bool stdoutLines)
     : m_meter(meter), m_combined(combined), m_stdoutLines(stdoutLines)
@@ -115,4 +115,4 @@ void Console::WipeLocked()
     m_shown = false;
 }
 
-}  // namespace orvpub
+} // namespace orvpub

@@ -20,20 +20,20 @@ struct Transfer {
 };
 
 class Console {
-public:
+  public:
     // meter: draw the meter on stderr; combined: one line for all transfers.
     // stdoutLines: print result lines on stdout (off with -q and --json).
     Console(bool meter, bool combined, bool stdoutLines);
 
     void Out(const std::string& line);
-    void Err(const std::string& line);  // prefixed with "orvane-publish: "
+    void Err(const std::string& line); // prefixed with "orvane-publish: "
 
     void Start(Transfer& transfer);
-    void Finish(Transfer& transfer);  // counts it as done
-    void Draw();                      // redraws the meter (from the monitor thread)
+    void Finish(Transfer& transfer); // counts it as done
+    void Draw();                     // redraws the meter (from the monitor thread)
     void Wipe();
 
-private:
+  private:
     void WipeLocked();
     std::string Line() const;
 
@@ -44,4 +44,4 @@ private:
     std::vector<Transfer*> m_active;
 };
 
-}  // namespace orvpub
+} // namespace orvpub

@@ -14,59 +14,58 @@
 namespace orvpub {
 namespace {
 
-const char kHelp[] =
-    "Usage: orvane-publish --server URL --user NAME --project NAME [options] FILE.qrx...\n"
-    "\n"
-    "Publishes each extract file into a project of a data-publishing server as a\n"
-    "data source named after the file (sales.qrx -> \"sales\").\n"
-    "\n"
-    "Options:\n"
-    "  -s, --server URL          server base URL, e.g. https://publish.example.com\n"
-    "  -u, --user NAME           user to sign in as\n"
-    "      --site SITE           site content URL (default: the default site, \"\")\n"
-    "  -p, --project NAME        project to publish into (exact, case-sensitive)\n"
-    "  -n, --name NAME           data source name (one file only; default: the file's stem)\n"
-    "  -o, --overwrite           replace data sources that already exist\n"
-    "  -j, --jobs N              publish N files at once, one session each (1-64, default 1)\n"
-    "      --retry N             try again up to N times after a transient failure (connection\n"
-    "                            refused or reset, time-out, HTTP 5xx), waiting 1, 2, 4... s;\n"
-    "                            never after a refusal (401, 403, 404, 409). Default 0\n"
-    "      --connect-timeout S   give up connecting after S seconds (default 30; 0: never)\n"
-    "      --stall-timeout S     give up when nothing moved for S seconds (default 120; 0: never)\n"
-    "      --max-redirects N     follow at most N redirects (default 10; 0: no limit)\n"
-    "      --cacert FILE|DIR     trust the CA certificates in a PEM file or a hashed\n"
-    "                            directory instead of the system's\n"
-    "      --proxy-user NAME     user for the system proxy (password: ORVANE_PROXY_PASSWORD)\n"
-    "      --password-stdin      read the password from the first line of standard input\n"
-    "      --dry-run             check the files, sign in and look the project up, then stop:\n"
-    "                            the upload of the first file is opened and stopped before\n"
-    "                            its first byte, so nothing is stored (whether a data source\n"
-    "                            already exists is not checked)\n"
-    "      --json                print one JSON summary on stdout instead of the text lines\n"
-    "  -q, --quiet               no progress meter and no lines on stdout; failures only\n"
-    "  -v, --verbose             also print the server's reasons, HTTP statuses, retries\n"
-    "                            and where the library's log is\n"
-    "  -h, --help                show this text\n"
-    "  -V, --version             show the tool's and the library's version\n"
-    "\n"
-    "Passwords never go on the command line: ORVANE_PASSWORD, --password-stdin, or\n"
-    "a prompt without echo on the terminal. The system proxy comes from http_proxy,\n"
-    "https_proxy and no_proxy. The library's log is OrvaneSDKServer.log in\n"
-    "$ORV_SDK_LOGDIR, else in the current directory. On a terminal, a progress meter\n"
-    "on stderr shows bytes, percent, rate and time left (one combined line with -j).\n"
-    "\n"
-    "Exit status:\n"
-    "  0    every file published (with --dry-run: everything checked)\n"
-    "  1    another failure (an unreadable reply, a file that went away meanwhile)\n"
-    "  2    usage error or unusable file (missing, a directory, not .qrx); nothing sent\n"
-    "  3    sign-in refused: wrong user name or password, unknown or forbidden site\n"
-    "  4    the server refused some files (no such project, already exists, ...)\n"
-    "  5    network, TLS or proxy failure, too many redirects, or HTTP 5xx\n"
-    "  6    timed out (--connect-timeout, --stall-timeout)\n"
-    "  130  interrupted by SIGINT (Ctrl-C); 143 by SIGTERM: running uploads are\n"
-    "       cancelled, the summary printed\n"
-    "When files fail for different reasons, the first failed file (in command-line\n"
-    "order) decides.\n";
+const char kHelp[] = "Usage: orvane-publish --server URL --user NAME --project NAME [options] FILE.qrx...\n"
+                     "\n"
+                     "Publishes each extract file into a project of a data-publishing server as a\n"
+                     "data source named after the file (sales.qrx -> \"sales\").\n"
+                     "\n"
+                     "Options:\n"
+                     "  -s, --server URL          server base URL, e.g. https://publish.example.com\n"
+                     "  -u, --user NAME           user to sign in as\n"
+                     "      --site SITE           site content URL (default: the default site, \"\")\n"
+                     "  -p, --project NAME        project to publish into (exact, case-sensitive)\n"
+                     "  -n, --name NAME           data source name (one file only; default: the file's stem)\n"
+                     "  -o, --overwrite           replace data sources that already exist\n"
+                     "  -j, --jobs N              publish N files at once, one session each (1-64, default 1)\n"
+                     "      --retry N             try again up to N times after a transient failure (connection\n"
+                     "                            refused or reset, time-out, HTTP 5xx), waiting 1, 2, 4... s;\n"
+                     "                            never after a refusal (401, 403, 404, 409). Default 0\n"
+                     "      --connect-timeout S   give up connecting after S seconds (default 30; 0: never)\n"
+                     "      --stall-timeout S     give up when nothing moved for S seconds (default 120; 0: never)\n"
+                     "      --max-redirects N     follow at most N redirects (default 10; 0: no limit)\n"
+                     "      --cacert FILE|DIR     trust the CA certificates in a PEM file or a hashed\n"
+                     "                            directory instead of the system's\n"
+                     "      --proxy-user NAME     user for the system proxy (password: ORVANE_PROXY_PASSWORD)\n"
+                     "      --password-stdin      read the password from the first line of standard input\n"
+                     "      --dry-run             check the files, sign in and look the project up, then stop:\n"
+                     "                            the upload of the first file is opened and stopped before\n"
+                     "                            its first byte, so nothing is stored (whether a data source\n"
+                     "                            already exists is not checked)\n"
+                     "      --json                print one JSON summary on stdout instead of the text lines\n"
+                     "  -q, --quiet               no progress meter and no lines on stdout; failures only\n"
+                     "  -v, --verbose             also print the server's reasons, HTTP statuses, retries\n"
+                     "                            and where the library's log is\n"
+                     "  -h, --help                show this text\n"
+                     "  -V, --version             show the tool's and the library's version\n"
+                     "\n"
+                     "Passwords never go on the command line: ORVANE_PASSWORD, --password-stdin, or\n"
+                     "a prompt without echo on the terminal. The system proxy comes from http_proxy,\n"
+                     "https_proxy and no_proxy. The library's log is OrvaneSDKServer.log in\n"
+                     "$ORV_SDK_LOGDIR, else in the current directory. On a terminal, a progress meter\n"
+                     "on stderr shows bytes, percent, rate and time left (one combined line with -j).\n"
+                     "\n"
+                     "Exit status:\n"
+                     "  0    every file published (with --dry-run: everything checked)\n"
+                     "  1    another failure (an unreadable reply, a file that went away meanwhile)\n"
+                     "  2    usage error or unusable file (missing, a directory, not .qrx); nothing sent\n"
+                     "  3    sign-in refused: wrong user name or password, unknown or forbidden site\n"
+                     "  4    the server refused some files (no such project, already exists, ...)\n"
+                     "  5    network, TLS or proxy failure, too many redirects, or HTTP 5xx\n"
+                     "  6    timed out (--connect-timeout, --stall-timeout)\n"
+                     "  130  interrupted by SIGINT (Ctrl-C); 143 by SIGTERM: running uploads are\n"
+                     "       cancelled, the summary printed\n"
+                     "When files fail for different reasons, the first failed file (in command-line\n"
+                     "order) decides.\n";
 
 enum LongOnly {
     kSite = 1000,
@@ -82,29 +81,28 @@ enum LongOnly {
     kJson
 };
 
-const option kLongOptions[] = {
-    {"server", required_argument, nullptr, 's'},
-    {"user", required_argument, nullptr, 'u'},
-    {"site", required_argument, nullptr, kSite},
-    {"project", required_argument, nullptr, 'p'},
-    {"name", required_argument, nullptr, 'n'},
-    {"overwrite", no_argument, nullptr, 'o'},
-    {"jobs", required_argument, nullptr, 'j'},
-    {"retry", required_argument, nullptr, kRetry},
-    {"connect-timeout", required_argument, nullptr, kConnectTimeout},
-    {"stall-timeout", required_argument, nullptr, kStallTimeout},
-    {"max-redirects", required_argument, nullptr, kMaxRedirects},
-    {"cacert", required_argument, nullptr, kCacert},
-    {"proxy-user", required_argument, nullptr, kProxyUser},
-    {"password-stdin", no_argument, nullptr, kPasswordStdin},
-    {"password", optional_argument, nullptr, kPassword},
-    {"dry-run", no_argument, nullptr, kDryRun},
-    {"json", no_argument, nullptr, kJson},
-    {"quiet", no_argument, nullptr, 'q'},
-    {"verbose", no_argument, nullptr, 'v'},
-    {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'V'},
-    {nullptr, 0, nullptr, 0}};
+const option kLongOptions[] = {{"server", required_argument, nullptr, 's'},
+                               {"user", required_argument, nullptr, 'u'},
+                               {"site", required_argument, nullptr, kSite},
+                               {"project", required_argument, nullptr, 'p'},
+                               {"name", required_argument, nullptr, 'n'},
+                               {"overwrite", no_argument, nullptr, 'o'},
+                               {"jobs", required_argument, nullptr, 'j'},
+                               {"retry", required_argument, nullptr, kRetry},
+                               {"connect-timeout", required_argument, nullptr, kConnectTimeout},
+                               {"stall-timeout", required_argument, nullptr, kStallTimeout},
+                               {"max-redirects", required_argument, nullptr, kMaxRedirects},
+                               {"cacert", required_argument, nullptr, kCacert},
+                               {"proxy-user", required_argument, nullptr, kProxyUser},
+                               {"password-stdin", no_argument, nullptr, kPasswordStdin},
+                               {"password", optional_argument, nullptr, kPassword},
+                               {"dry-run", no_argument, nullptr, kDryRun},
+                               {"json", no_argument, nullptr, kJson},
+                               {"quiet", no_argument, nullptr, 'q'},
+                               {"verbose", no_argument, nullptr, 'v'},
+                               {"help", no_argument, nullptr, 'h'},
+                               {"version", no_argument, nullptr, 'V'},
+                               {nullptr, 0, nullptr, 0}};
 
 // A whole decimal number in [low, high], or false.
 bool Number(const char* text, long low, long high, long& value)
@@ -121,7 +119,7 @@ std::string Culprit(char** argv)
     return optopt > 0 && optopt < 128 ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1]);
 }
 
-}  // namespace
+} // namespace
 
 int Usage(const std::string& problem)
 {
@@ -136,7 +134,7 @@ int ParseOptions(int argc, char** argv, Options& o)
         long* target;
         long high;
     };
-    opterr = 0;  // our own messages, with the --help hint
+    opterr = 0; // our own messages, with the --help hint
     int c;
     int index = 0;
     while ((c = getopt_long(argc, argv, ":s:u:p:n:oj:qvhV", kLongOptions, &index)) != -1) {
@@ -226,4 +224,4 @@ int ParseOptions(int argc, char** argv, Options& o)
     return -1;
 }
 
-}  // namespace orvpub
+} // namespace orvpub

@@ -18,8 +18,13 @@ std::string LastError()
 // limits fail the same way every time.
 bool TransientNetworkText(const std::string& text)
 {
-    static const char* const kTransient[] = {"Couldn't connect", "Failure when receiving", "Failed sending",
-                                             "Server returned nothing", "Timeout was reached", "refused", "reset"};
+    static const char* const kTransient[] = {"Couldn't connect",
+                                             "Failure when receiving",
+                                             "Failed sending",
+                                             "Server returned nothing",
+                                             "Timeout was reached",
+                                             "refused",
+                                             "reset"};
     return std::any_of(std::begin(kTransient), std::end(kTransient),
                        [&](const char* piece) { return text.find(piece) != std::string::npos; });
 }
@@ -49,7 +54,7 @@ std::string StatusAndReason(const Outcome& out)
     return Printf("(HTTP %ld)", out.status) + (out.reason.empty() ? "" : ": " + out.reason);
 }
 
-}  // namespace
+} // namespace
 
 const char* KindName(Kind kind)
 {
@@ -157,7 +162,7 @@ Session::Session(const Settings& settings, Cancels& cancels, Console& console)
         rc = OrvServerConnectionSetConnectTimeout(m_handle, o.connectTimeout);
     if (rc == ORV_RESULT_Success)
         rc = OrvServerConnectionSetStallTimeout(m_handle, o.stallTimeout);
-    if (rc == ORV_RESULT_Success)  // the library counts a negative limit as none
+    if (rc == ORV_RESULT_Success) // the library counts a negative limit as none
         rc = OrvServerConnectionSetMaxRedirects(m_handle, o.maxRedirects == 0 ? -1 : o.maxRedirects);
     if (rc == ORV_RESULT_Success && !o.cacert.empty())
         rc = OrvServerConnectionSetCACertificates(m_handle, settings.cacert.c_str());
@@ -215,7 +220,7 @@ Outcome Session::Classify(int code, bool signIn)
         out.kind = Kind::TimedOut;
         out.transient = true;
         out.message = WithHint("timed out: " + out.error, Printf("Limits: --connect-timeout %ld, --stall-timeout %ld",
-                                                                  o.connectTimeout, o.stallTimeout));
+                                                                 o.connectTimeout, o.stallTimeout));
         return out;
     case ORV_SERVER_NetworkFailure:
         out.kind = Kind::Network;
@@ -245,15 +250,16 @@ Outcome Session::Classify(int code, bool signIn)
                 hint = "Check --server and --site";
             else if (s == 409)
                 hint = "Use --overwrite to replace it";
-            out.message = WithHint((signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out), hint);
+            out.message =
+                WithHint((signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out), hint);
             return out;
         }
         break;
     case ORV_SERVER_ResponseParseFailed:
     case ORV_SERVER_UnexpectedResponse:
         out.kind = Kind::Other;
-        out.message = Printf("the reply (HTTP %ld) is not one a publishing server sends; check --server %s", s,
-                             o.server.c_str());
+        out.message =
+            Printf("the reply (HTTP %ld) is not one a publishing server sends; check --server %s", s, o.server.c_str());
         return out;
     default:
         break;
@@ -263,8 +269,7 @@ Outcome Session::Classify(int code, bool signIn)
     return out;
 }
 
-template <class Attempt>
-Outcome Session::Retrying(const std::string& label, bool signIn, Attempt attempt)
+template <class Attempt> Outcome Session::Retrying(const std::string& label, bool signIn, Attempt attempt)
 {
     const Options& o = *m_settings.options;
     const auto start = std::chrono::steady_clock::now();
@@ -276,8 +281,8 @@ Outcome Session::Retrying(const std::string& label, bool signIn, Attempt attempt
             break;
         const double wait = std::min(60.0, static_cast<double>(1L << std::min(tries - 1, 6)));
         if (!o.quiet)
-            m_console.Err(Printf("%s: %s; trying again in %.0f s (retry %d of %ld)", label.c_str(),
-                                 out.message.c_str(), wait, tries, o.retries));
+            m_console.Err(Printf("%s: %s; trying again in %.0f s (retry %d of %ld)", label.c_str(), out.message.c_str(),
+                                 wait, tries, o.retries));
         if (!m_cancels.Sleep(wait)) {
             out.kind = Kind::Interrupted;
             out.message = "interrupted while waiting to try again";
@@ -312,4 +317,4 @@ Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf1
     return out;
 }
 
-}  // namespace orvpub
+} // namespace orvpub

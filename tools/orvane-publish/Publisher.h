@@ -17,16 +17,16 @@ namespace orvpub {
 
 enum class Kind { NotStarted, Published, Checked, SignInRefused, Refused, Network, TimedOut, Interrupted, Other };
 
-const char* KindName(Kind kind);  // the "result" of --json
-int ExitCodeOf(Kind kind);        // kExitInterrupted for Interrupted (the signal is added later)
+const char* KindName(Kind kind); // the "result" of --json
+int ExitCodeOf(Kind kind);       // kExitInterrupted for Interrupted (the signal is added later)
 
 struct Outcome {
     Kind kind = Kind::NotStarted;
-    int code = 0;         // the library's result code
-    long status = 0;      // the HTTP status of the last reply
-    std::string error;    // the library's last-error text
-    std::string reason;   // the server's own reason for a refusal
-    std::string message;  // what to tell a person
+    int code = 0;        // the library's result code
+    long status = 0;     // the HTTP status of the last reply
+    std::string error;   // the library's last-error text
+    std::string reason;  // the server's own reason for a refusal
+    std::string message; // what to tell a person
     bool transient = false;
     int attempts = 0;
     double seconds = 0;
@@ -34,14 +34,14 @@ struct Outcome {
 
 // The handles a signal must stop, and the waits between retries it cuts short.
 class Cancels {
-public:
+  public:
     void Add(void* handle);
-    void Remove(void* handle);  // before the handle is closed
-    void CancelAll();           // from the monitor thread, once a signal came
+    void Remove(void* handle); // before the handle is closed
+    void CancelAll();          // from the monitor thread, once a signal came
     bool Interrupted();
-    bool Sleep(double seconds);  // false when interrupted meanwhile
+    bool Sleep(double seconds); // false when interrupted meanwhile
 
-private:
+  private:
     std::mutex m_lock;
     std::condition_variable m_wake;
     std::set<void*> m_handles;
@@ -55,9 +55,9 @@ struct Settings {
 };
 
 class Session {
-public:
+  public:
     Session(const Settings& settings, Cancels& cancels, Console& console);
-    ~Session();  // signs out (on this side) and closes the handle
+    ~Session(); // signs out (on this side) and closes the handle
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -66,9 +66,8 @@ public:
     // the project has been found (the outcome is then Checked).
     Outcome Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer, bool dryRun);
 
-private:
-    template <class Attempt>
-    Outcome Retrying(const std::string& label, bool signIn, Attempt attempt);
+  private:
+    template <class Attempt> Outcome Retrying(const std::string& label, bool signIn, Attempt attempt);
     Outcome Classify(int code, bool signIn);
     static int OnProgress(void* self, uint64_t sent, uint64_t total);
 
@@ -81,4 +80,4 @@ private:
     bool m_stopAtStart = false, m_stoppedAtStart = false;
 };
 
-}  // namespace orvpub
+} // namespace orvpub

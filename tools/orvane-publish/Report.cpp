@@ -30,7 +30,7 @@ const char* Overall(const Run& run, int status)
     return run.options->dryRun ? "checked" : "published";
 }
 
-}  // namespace
+} // namespace
 
 int ExitStatus(const Run& run)
 {
@@ -38,7 +38,7 @@ int ExitStatus(const Run& run)
         return kExitInterrupted + run.signal;
     if (run.signIn.kind != Kind::Published)
         return ExitCodeOf(run.signIn.kind);
-    for (const Job& job : run.jobs)  // the first failure in command-line order decides
+    for (const Job& job : run.jobs) // the first failure in command-line order decides
         if (ExitCodeOf(job.outcome.kind) != kExitPublished)
             return ExitCodeOf(job.outcome.kind);
     return kExitPublished;
@@ -57,16 +57,17 @@ void Summarize(const Run& run, Console& console)
     else if (run.signIn.kind != Kind::Published)
         console.Err(Printf("nothing published: sign-in to %s failed", o.server.c_str()));
     if (o.json) {
-        std::string text = "{\"server\": " + Json(o.server) + ", \"site\": " + Json(o.site) +
-                           ", \"project\": " + Json(o.project) + ", \"dry_run\": " + (o.dryRun ? "true" : "false") +
-                           ", \"result\": " + Json(Overall(run, status)) + Printf(", \"exit_code\": %d", status) +
-                           Printf(", \"published\": %zu, \"files_total\": %zu, \"seconds\": %.3f", published, total,
-                                  run.seconds) +
-                           ",\n \"sign_in\": {" + JsonOutcome(run.signIn, "signed-in") + "},\n \"files\": [";
+        std::string text =
+            "{\"server\": " + Json(o.server) + ", \"site\": " + Json(o.site) + ", \"project\": " + Json(o.project) +
+            ", \"dry_run\": " + (o.dryRun ? "true" : "false") + ", \"result\": " + Json(Overall(run, status)) +
+            Printf(", \"exit_code\": %d", status) +
+            Printf(", \"published\": %zu, \"files_total\": %zu, \"seconds\": %.3f", published, total, run.seconds) +
+            ",\n \"sign_in\": {" + JsonOutcome(run.signIn, "signed-in") + "},\n \"files\": [";
         for (size_t i = 0; i < run.jobs.size(); ++i) {
             const Job& job = run.jobs[i];
-            text += std::string(i ? ",\n  " : "\n  ") + "{\"file\": " + Json(job.path) + ", \"name\": " +
-                    Json(job.name) + Printf(", \"bytes\": %llu, ", static_cast<unsigned long long>(job.bytes)) +
+            text += std::string(i ? ",\n  " : "\n  ") + "{\"file\": " + Json(job.path) +
+                    ", \"name\": " + Json(job.name) +
+                    Printf(", \"bytes\": %llu, ", static_cast<unsigned long long>(job.bytes)) +
                     JsonOutcome(job.outcome) + "}";
         }
         console.Wipe();
@@ -87,4 +88,4 @@ void Summarize(const Run& run, Console& console)
     }
 }
 
-}  // namespace orvpub
+} // namespace orvpub

@@ -13,7 +13,7 @@
 namespace orvpub {
 
 struct Job {
-    std::string path, name;  // as given, and the data source name
+    std::string path, name; // as given, and the data source name
     Utf16 path16, name16;
     uint64_t bytes = 0;
     Outcome outcome;
@@ -24,7 +24,7 @@ struct Run {
     Outcome signIn;
     std::vector<Job> jobs;
     double seconds = 0;
-    int signal = 0;  // SIGINT or SIGTERM when interrupted
+    int signal = 0; // SIGINT or SIGTERM when interrupted
 };
 
 // The exit status of the run (see Options.h).
@@ -33,4 +33,4 @@ int ExitStatus(const Run& run);
 // one object on stdout.
 void Summarize(const Run& run, Console& console);
 
-}  // namespace orvpub
+} // namespace orvpub

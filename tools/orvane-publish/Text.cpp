@@ -143,4 +143,4 @@ std::string Printf(const char* format, ...)
     return out;
 }
 
-}  // namespace orvpub
+} // namespace orvpub

@@ -17,8 +17,8 @@ std::string Narrow(const wchar_t* text);
 std::string Json(const std::string& text);
 
 std::string FormatBytes(double bytes);         // "4.0 MiB"
-std::string FormatRate(double bytesPerSecond);  // "12.3 MiB/s"
-std::string FormatClock(double seconds);        // "0:07", "1:02:03"
+std::string FormatRate(double bytesPerSecond); // "12.3 MiB/s"
+std::string FormatClock(double seconds);       // "0:07", "1:02:03"
 std::string Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-}  // namespace orvpub
+} // namespace orvpub

@@ -32,20 +32,20 @@ using namespace orvpub;
 
 namespace {
 
-int g_pipe[2] = {-1, -1};                 // signal handler -> monitor thread
-volatile sig_atomic_t g_signal = 0;       // the first SIGINT/SIGTERM
-volatile sig_atomic_t g_promptFd = -1;    // the terminal while a prompt has echo off
+int g_pipe[2] = {-1, -1};              // signal handler -> monitor thread
+volatile sig_atomic_t g_signal = 0;    // the first SIGINT/SIGTERM
+volatile sig_atomic_t g_promptFd = -1; // the terminal while a prompt has echo off
 termios g_promptSaved{};
 
 void OnSignal(int signal)
 {
     const int savedErrno = errno;
-    if (g_promptFd >= 0) {  // give the terminal its echo back before leaving
+    if (g_promptFd >= 0) { // give the terminal its echo back before leaving
         tcsetattr(g_promptFd, TCSANOW, &g_promptSaved);
         (void)!write(g_promptFd, "\n", 1);
         _exit(kExitInterrupted + signal);
     }
-    if (g_signal != 0)  // a second one: the user insists
+    if (g_signal != 0) // a second one: the user insists
         _exit(kExitInterrupted + signal);
     g_signal = signal;
     const char byte = static_cast<char>(signal);
@@ -72,7 +72,7 @@ void Monitor(Console& console, Cancels& cancels)
         if (poll(&wait, 1, 200) > 0) {
             char byte = 0;
             if (read(g_pipe[0], &byte, 1) == 1 && byte == 0)
-                return;  // the main thread is done
+                return; // the main thread is done
             cancels.CancelAll();
         }
         console.Draw();
@@ -105,8 +105,7 @@ bool Secret(const char* variable, const std::string& prompt, bool fromStdin, std
     if (tty < 0 || tcgetattr(tty, &saved) != 0) {
         if (tty >= 0)
             close(tty);
-        return Usage(Printf("no terminal to ask for the %s; set %s or use --password-stdin", prompt.c_str(),
-                            variable)),
+        return Usage(Printf("no terminal to ask for the %s; set %s or use --password-stdin", prompt.c_str(), variable)),
                false;
     }
     g_promptSaved = saved;
@@ -204,12 +203,12 @@ void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancel
             console.Err(job.path + ": " + out.message);
         }
         if (o.verbose && out.kind != Kind::Published)
-            console.Err(Printf("%s: library result %d, HTTP status %ld, %d attempt(s): %s", job.path.c_str(),
-                               out.code, out.status, out.attempts, out.error.c_str()));
+            console.Err(Printf("%s: library result %d, HTTP status %ld, %d attempt(s): %s", job.path.c_str(), out.code,
+                               out.status, out.attempts, out.error.c_str()));
     }
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -246,7 +245,7 @@ int main(int argc, char** argv)
         return kExitOther;
     }
     Cancels cancels;
-    if (g_signal != 0)  // arrived during the prompt's aftermath
+    if (g_signal != 0) // arrived during the prompt's aftermath
         cancels.CancelAll();
     std::thread monitor(Monitor, std::ref(console), std::ref(cancels));
     const auto start = std::chrono::steady_clock::now();
@@ -262,8 +261,8 @@ int main(int argc, char** argv)
                                    run.signIn.status, run.signIn.error.c_str()));
         } else if (o.dryRun) {
             Transfer transfer;
-            const Outcome checked = first.Publish(run.jobs[0].path, run.jobs[0].path16, run.jobs[0].name16, transfer,
-                                                  true);
+            const Outcome checked =
+                first.Publish(run.jobs[0].path, run.jobs[0].path16, run.jobs[0].name16, transfer, true);
             for (Job& job : run.jobs)
                 job.outcome = checked;
             if (checked.kind != Kind::Checked && checked.kind != Kind::Interrupted)
@@ -285,7 +284,7 @@ int main(int argc, char** argv)
             for (std::thread& worker : workers)
                 worker.join();
         }
-    }  // every session signed out and closed
+    } // every session signed out and closed
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     const char stop = 0;
     (void)!write(g_pipe[1], &stop, 1);
