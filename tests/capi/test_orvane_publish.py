@@ -29,7 +29,6 @@ class OrvanePublishTest(unittest.TestCase):
         prefix = os.path.join(cls.dir, "prefix")
         subprocess.run(["cmake", "--install", BUILD, "--prefix", prefix], check=True, capture_output=True, timeout=120)
         cls.tool = os.path.join(prefix, "bin", "orvane-publish")
-        cls.man = os.path.join(prefix, "share", "man", "man1", "orvane-publish.1")
         port_file = os.path.join(cls.dir, "port")
         cls.server = subprocess.Popen(
             [sys.executable, REFERENCE_SERVER, "--host", "127.0.0.1", "--port", "0", "--port-file", port_file,
@@ -37,9 +36,8 @@ class OrvanePublishTest(unittest.TestCase):
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         cls.addClassCleanup(cls.server.wait, 10)
         cls.addClassCleanup(cls.server.terminate)
-        for _ in range(400):
-            if os.path.exists(port_file) or cls.server.poll() is not None:
-                break
+        deadline = time.monotonic() + 20
+        while not os.path.exists(port_file) and cls.server.poll() is None and time.monotonic() < deadline:
             time.sleep(0.05)
         with open(port_file) as f:
             cls.url = "http://127.0.0.1:" + f.read().strip()
@@ -60,6 +58,23 @@ class OrvanePublishTest(unittest.TestCase):
         return subprocess.run([self.tool, *args], env=env, input=stdin, capture_output=True, text=True,
                               stdin=None if stdin else subprocess.DEVNULL, timeout=60, start_new_session=True)
 
+    def spawn(self, args, stderr):
+        proc = subprocess.Popen([self.tool, "-u", "demo", "-p", "Samples", *args], stdin=subprocess.DEVNULL,
+                                env=dict(self.env, ORVANE_PASSWORD="demo-password"), stdout=subprocess.PIPE,
+                                stderr=stderr, text=True, start_new_session=True)
+        self.addCleanup(proc.wait, 30)
+        self.addCleanup(proc.kill)
+        return proc
+
+    def loopback_socket(self, listen):
+        """A socket that accepts connections and never answers, or (not listening) refuses them."""
+        sock = socket.socket()
+        self.addCleanup(sock.close)
+        sock.bind(("127.0.0.1", 0))
+        if listen:
+            sock.listen(8)
+        return sock, f"http://127.0.0.1:{sock.getsockname()[1]}"
+
     def stored(self):
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
         listing = opener.open(self.url + "/__published", timeout=30).read().decode()
@@ -71,7 +86,7 @@ class OrvanePublishTest(unittest.TestCase):
         for text in ("--connect-timeout S", "--password-stdin", "--json", "Exit status:", "  6    timed out", "143"):
             self.assertIn(text, result.stdout)
         self.assertRegex(self.run_tool("-V").stdout, r"^orvane-publish \d+\.\d+\.\d+ \(libOrvaneServer 1\.1\.\d+\)\n$")
-        self.assertTrue(os.path.isfile(self.man))
+        self.assertTrue(os.path.isfile(os.path.join(os.path.dirname(self.tool), "../share/man/man1/orvane-publish.1")))
         good = self.extract("good.qrx")
         for args, complaint in ((["--password=pw", good], "passwords are not taken from the command line"),
                                 (["-j0", good], "--jobs takes a number from 1 to 64"),
@@ -85,8 +100,8 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertNotIn("good", self.stored())
 
     def test_pipes_json_matches_what_the_server_stored(self):
-        medium, small = self.extract("pipe-medium.qrx", 64 << 20), self.extract("pipe-small.qrx")
-        result = self.run_tool(f"--server={self.url}", "-udemo", "-pSamples", "-j2", "--json", "--", medium, small, small)
+        big, small = self.extract("pipe-big.qrx", 64 << 20), self.extract("pipe-small.qrx")
+        result = self.run_tool(f"--server={self.url}", "-udemo", "-pSamples", "-oj2", "--json", "--", big, small, small)
         self.assertEqual(0, result.returncode, result.stdout + result.stderr)
         # No meter on a pipe: the duplicate's warning is all there is on stderr.
         self.assertEqual(f"orvane-publish: warning: {small} given more than once; published once\n", result.stderr)
@@ -107,13 +122,7 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertIn(entry["reason"] + " Use --overwrite to replace it.", result.stderr)
 
     def test_exit_status_from_each_situation(self):
-        silent, closed = socket.socket(), socket.socket()
-        self.addCleanup(silent.close)
-        self.addCleanup(closed.close)
-        silent.bind(("127.0.0.1", 0))
-        silent.listen(8)  # accepts connections and never answers
-        closed.bind(("127.0.0.1", 0))  # bound, not listening: connections are refused
-        silent_url, closed_url = (f"http://127.0.0.1:{s.getsockname()[1]}" for s in (silent, closed))
+        (_, silent_url), (_, closed_url) = self.loopback_socket(True), self.loopback_socket(False)
         good = self.extract("situations.qrx")
         log = os.path.join(self.dir, "OrvaneSDKServer.log")
         for server, args, password, status, texts in (
@@ -139,12 +148,8 @@ class OrvanePublishTest(unittest.TestCase):
         first, big = self.extract("tty-first.qrx"), self.extract("tty-big.qrx", 1 << 30)
         master, slave = os.openpty()
         self.addCleanup(os.close, master)
-        proc = subprocess.Popen([self.tool, "-s", self.url, "-u", "demo", "-p", "Samples", "--json", first, big],
-                                env=dict(self.env, ORVANE_PASSWORD="demo-password"), stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=slave, start_new_session=True)
+        proc = self.spawn(["-s", self.url, "--json", first, big], stderr=slave)
         os.close(slave)
-        self.addCleanup(proc.wait, 30)
-        self.addCleanup(proc.kill)
         terminal = self.read_terminal(master, METER.format(r"tty-big\.qrx"))
         proc.send_signal(signal.SIGINT)
         terminal += self.read_terminal(master, "orvane-publish: interrupted: 1 of 2 files published, 1 cancelled, "
@@ -157,19 +162,10 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertEqual({"tty-first"}, {"tty-first", "tty-big"} & set(self.stored()))
 
     def test_sigterm_stops_a_call_that_waits_on_a_silent_server(self):
-        silent = socket.socket()
-        self.addCleanup(silent.close)
-        silent.bind(("127.0.0.1", 0))
-        silent.listen(8)
+        silent, url = self.loopback_socket(True)
         silent.settimeout(30)
-        proc = subprocess.Popen([self.tool, "-s", f"http://127.0.0.1:{silent.getsockname()[1]}", "-u", "demo", "-p",
-                                 "Samples", "--stall-timeout=0", self.extract("term.qrx")],
-                                env=dict(self.env, ORVANE_PASSWORD="demo-password"), stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, start_new_session=True)
-        self.addCleanup(proc.wait, 30)
-        self.addCleanup(proc.kill)
-        connection, _ = silent.accept()  # the sign-in is under way, and will never be answered
-        self.addCleanup(connection.close)
+        proc = self.spawn(["-s", url, "--stall-timeout=0", self.extract("term.qrx")], stderr=subprocess.PIPE)
+        self.addCleanup(silent.accept()[0].close)  # the sign-in is under way, and will never be answered
         proc.send_signal(signal.SIGTERM)
         _, stderr = proc.communicate(timeout=30)
         self.assertEqual(143, proc.returncode, stderr)
