@@ -26,8 +26,8 @@ std::string Figures(uint64_t sent, uint64_t total, double rate)
 
 } // namespace
 
-Console::Console(bool meter, bool combined, bool stdoutLines)
-    : m_meter(meter), m_combined(combined), m_stdoutLines(stdoutLines)
+Console::Console(bool meter, bool combined, bool stdoutLines, size_t files)
+    : m_meter(meter), m_combined(combined), m_stdoutLines(stdoutLines), m_files(files)
 {
 }
 
@@ -82,7 +82,7 @@ std::string Console::Line() const
         const double seconds = Since(t->start);
         rate += seconds > 0 ? t->sent / seconds : 0;
     }
-    return Printf("%zu running, %zu done  ", m_active.size(), m_done) + Figures(sent, total, rate);
+    return Printf("%zu running, %zu of %zu done  ", m_active.size(), m_done, m_files) + Figures(sent, total, rate);
 }
 
 void Console::Draw()

@@ -23,7 +23,7 @@ class Console {
   public:
     // meter: draw the meter on stderr; combined: one line for all transfers.
     // stdoutLines: print result lines on stdout (off with -q and --json).
-    Console(bool meter, bool combined, bool stdoutLines);
+    Console(bool meter, bool combined, bool stdoutLines, size_t files);
 
     void Out(const std::string& line);
     void Err(const std::string& line); // prefixed with "orvane-publish: "
@@ -41,6 +41,7 @@ class Console {
     const bool m_meter, m_combined, m_stdoutLines;
     bool m_shown = false;
     size_t m_done = 0;
+    const size_t m_files;
     std::vector<Transfer*> m_active;
 };
 

@@ -40,14 +40,6 @@ std::string NetworkHint(const std::string& text, const Options& o)
     return "";
 }
 
-// "TEXT. Hint." whether or not TEXT ends its sentence itself.
-std::string WithHint(const std::string& text, const std::string& hint)
-{
-    if (hint.empty())
-        return text;
-    return text + (!text.empty() && text.back() == '.' ? " " : ". ") + hint + ".";
-}
-
 // "(HTTP 409): Resource Conflict: A data source named ..." or "(HTTP 409)".
 std::string StatusAndReason(const Outcome& out)
 {
@@ -219,8 +211,10 @@ Outcome Session::Classify(int code, bool signIn)
     case ORV_RESULT_TimedOut:
         out.kind = Kind::TimedOut;
         out.transient = true;
-        out.message = WithHint("timed out: " + out.error, Printf("Limits: --connect-timeout %ld, --stall-timeout %ld",
-                                                                 o.connectTimeout, o.stallTimeout));
+        out.message =
+            Printf("timed out (--connect-timeout %ld s, --stall-timeout %ld s; 0 for no limit): ", o.connectTimeout,
+                   o.stallTimeout) +
+            out.error;
         return out;
     case ORV_SERVER_NetworkFailure:
         out.kind = Kind::Network;
@@ -281,8 +275,9 @@ template <class Attempt> Outcome Session::Retrying(const std::string& label, boo
             break;
         const double wait = std::min(60.0, static_cast<double>(1L << std::min(tries - 1, 6)));
         if (!o.quiet)
-            m_console.Err(Printf("%s: %s; trying again in %.0f s (retry %d of %ld)", label.c_str(), out.message.c_str(),
-                                 wait, tries, o.retries));
+            m_console.Err(
+                label + ": " +
+                WithHint(out.message, Printf("Trying again in %.0f s (retry %d of %ld)", wait, tries, o.retries)));
         if (!m_cancels.Sleep(wait)) {
             out.kind = Kind::Interrupted;
             out.message = "interrupted while waiting to try again";

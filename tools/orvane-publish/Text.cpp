@@ -75,6 +75,13 @@ std::string Narrow(const wchar_t* text)
     return out;
 }
 
+std::string WithHint(const std::string& text, const std::string& hint)
+{
+    if (hint.empty())
+        return text;
+    return text + (!text.empty() && text.back() == '.' ? " " : ". ") + hint + ".";
+}
+
 std::string Json(const std::string& text)
 {
     std::string out = "\"";

@@ -13,6 +13,8 @@ using Utf16 = std::basic_string<unsigned short>;
 bool ToUtf16(const std::string& in, Utf16& out);
 // A wide string from the library (null: "") to UTF-8.
 std::string Narrow(const wchar_t* text);
+// "TEXT. Hint." whether or not TEXT ends its sentence itself; TEXT without a hint.
+std::string WithHint(const std::string& text, const std::string& hint);
 // The string as a JSON string literal, quotes included.
 std::string Json(const std::string& text);
 

@@ -237,7 +237,7 @@ int main(int argc, char** argv)
         return Usage("arguments and passwords must be UTF-8 text");
 
     // The meter only for a person watching; with several jobs one combined line.
-    Console console(!o.quiet && isatty(STDERR_FILENO), o.jobs > 1, !o.quiet && !o.json);
+    Console console(!o.quiet && isatty(STDERR_FILENO), o.jobs > 1, !o.quiet && !o.json, run.jobs.size());
     if (o.verbose)
         console.Err("the library's log: " + LogPath());
     if (OrvServerAPIInitialize() != ORV_RESULT_Success) {
@@ -254,8 +254,10 @@ int main(int argc, char** argv)
         Session first(settings, cancels, console);
         run.signIn = first.SignIn();
         if (run.signIn.kind != Kind::Published) {
-            if (run.signIn.kind != Kind::Interrupted)
+            if (run.signIn.kind == Kind::SignInRefused)
                 console.Err(run.signIn.message);
+            else if (run.signIn.kind != Kind::Interrupted)
+                console.Err("sign-in: " + run.signIn.message);
             if (o.verbose)
                 console.Err(Printf("sign-in: library result %d, HTTP status %ld: %s", run.signIn.code,
                                    run.signIn.status, run.signIn.error.c_str()));
