@@ -244,9 +244,7 @@ int main(int argc, char** argv)
         console.Err("library start-up failed: " + Narrow(OrvGetLastErrorMessage()));
         return kExitOther;
     }
-    Cancels cancels;
-    if (g_signal != 0) // arrived during the prompt's aftermath
-        cancels.CancelAll();
+    Cancels cancels; // a signal that came before the monitor starts waits in the pipe
     std::thread monitor(Monitor, std::ref(console), std::ref(cancels));
     const auto start = std::chrono::steady_clock::now();
     {
