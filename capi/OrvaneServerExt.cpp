@@ -68,6 +68,13 @@ ORV_RESULT OrvServerConnectionSetProgressCallback(void* handle, ORV_PROGRESS_CAL
     });
 }
 
+ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* projectName)
+{
+    if (Missing(projectName, L"Invalid argument 'projectName'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) { session.CheckProject(Wide(projectName)); });
+}
+
 ORV_RESULT OrvServerConnectionEnableCancel(void* handle)
 {
     return OnSession(handle, [](ServerConnection& session) { session.Options().m_cancelEnabled = true; });

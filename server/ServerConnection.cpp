@@ -162,22 +162,27 @@ void ServerConnection::PublishExtract(const std::wstring& path, const std::wstri
         throw ServerException(ServerException::InvalidPublishInput,
                               L"File \"" + path + L"\" is either invalid or doesn't exist");
 
+    const std::wstring projectId = FindProject(projectName);
+    Log(L"Publishing extract: " + path);
+    Log(L"Project name      : " + projectName);
+    Log(L"Data source name  : " + datasourceName);
+    PublishExtractInternal(path, projectId, datasourceName, overwrite);
+}
+
+std::wstring ServerConnection::FindProject(const std::wstring& projectName)
+{
     Log(L"Querying projects...");
     std::unordered_map<std::wstring, std::wstring> projects(10);
     // Stops at the first page that names the project; later pages are never read.
     for (unsigned long page = 1;; ++page) {
         const bool last = QueryProjects(page, projects);
-        if (projects.find(projectName) != projects.end())
-            break;
+        const auto found = projects.find(projectName);
+        if (found != projects.end())
+            return found->second;
         if (last)
             throw ServerException(ServerException::InvalidPublishInput,
                                   L"Project \"" + projectName + L"\" doesn't exist on server");
     }
-
-    Log(L"Publishing extract: " + path);
-    Log(L"Project name      : " + projectName);
-    Log(L"Data source name  : " + datasourceName);
-    PublishExtractInternal(path, projects[projectName], datasourceName, overwrite);
 }
 
 void ServerConnection::PublishExtractInternal(const std::wstring& path, const std::wstring& projectId,

@@ -33,6 +33,11 @@ public:
     void PublishExtract(const std::wstring& path, const std::wstring& projectName,
                         const std::wstring& datasourceName, bool overwrite);
 
+    // The id of the signed-in site's project of that name, read page by page
+    // up to the page that names it; ServerException 303 when no page does.
+    std::wstring FindProject(const std::wstring& projectName);
+    // FindProject as a call of its own (the extension's dry run).
+    void CheckProject(const std::wstring& projectName);
     // One page of the site's projects (100 a page) as name -> id; true when it
     // was the last page.
     bool QueryProjects(unsigned long pageNumber, std::unordered_map<std::wstring, std::wstring>& projects);

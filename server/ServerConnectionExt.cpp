@@ -61,6 +61,12 @@ ServerConnection::CallScope::~CallScope()
     m_session.m_options->m_cancel.store(false);
 }
 
+void ServerConnection::CheckProject(const std::wstring& projectName)
+{
+    const CallScope call(*this);
+    (void)FindProject(projectName);
+}
+
 void ServerConnection::Cancel()
 {
     m_options->m_cancel.store(true);

@@ -106,6 +106,13 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetCACertificates(void* handle, con
  * fast links. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetUploadBufferSize(void* handle, long bytes);
 
+/* Looks the project up as OrvServerConnectionPublishExtract does, without
+ * uploading anything: ORV_RESULT_Success when the signed-in site has a
+ * project of that name, ORV_SERVER_InvalidPublishInput (303) when it has
+ * none, ORV_SERVER_NotConnected (402) before Connect. For checking a publish
+ * in advance ("dry run"). */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* projectName);
+
 /* The HTTP status of the last reply the handle received in its last call
  * (0 when that call received none). Works on every handle. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* status);

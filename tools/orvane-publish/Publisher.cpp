@@ -180,10 +180,6 @@ int Session::OnProgress(void* self, uint64_t sent, uint64_t total)
         session.m_transfer->sent = sent;
         session.m_transfer->total = total;
     }
-    if (session.m_stopAtStart) {
-        session.m_stoppedAtStart = true;
-        return 1;
-    }
     return 0;
 }
 
@@ -205,8 +201,8 @@ Outcome Session::Classify(int code, bool signIn)
     const long s = out.status;
     switch (code) {
     case ORV_RESULT_Cancelled:
-        out.kind = m_stoppedAtStart ? Kind::Checked : Kind::Interrupted;
-        out.message = m_stoppedAtStart ? "checked" : "cancelled";
+        out.kind = Kind::Interrupted;
+        out.message = "cancelled";
         return out;
     case ORV_RESULT_TimedOut:
         out.kind = Kind::TimedOut;
@@ -297,18 +293,26 @@ Outcome Session::SignIn()
     });
 }
 
-Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer,
-                         bool dryRun)
+Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer)
 {
     m_transfer = &transfer;
-    m_stopAtStart = dryRun;
-    m_stoppedAtStart = false;
     Outcome out = Retrying(label, false, [&] {
         return OrvServerConnectionPublishExtract(m_handle, path.c_str(), m_settings.project.c_str(), name.c_str(),
                                                  m_settings.options->overwrite ? 1 : 0);
     });
     m_transfer = nullptr;
-    m_stopAtStart = false;
+    return out;
+}
+
+Outcome Session::FindProject()
+{
+    Outcome out = Retrying("project", false, [&] {
+        return OrvServerConnectionFindProject(m_handle, m_settings.project.c_str());
+    });
+    if (out.kind == Kind::Published) {
+        out.kind = Kind::Checked;
+        out.message = "checked";
+    }
     return out;
 }
 

@@ -62,9 +62,9 @@ class Session {
     Session& operator=(const Session&) = delete;
 
     Outcome SignIn();
-    // Publishes one file; dryRun stops the upload before its first byte once
-    // the project has been found (the outcome is then Checked).
-    Outcome Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer, bool dryRun);
+    Outcome Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer);
+    // Looks the project up without uploading (--dry-run); Checked when found.
+    Outcome FindProject();
 
   private:
     template <class Attempt> Outcome Retrying(const std::string& label, bool signIn, Attempt attempt);
@@ -77,7 +77,6 @@ class Session {
     void* m_handle = nullptr;
     int m_setupResult = 0;
     Transfer* m_transfer = nullptr;
-    bool m_stopAtStart = false, m_stoppedAtStart = false;
 };
 
 } // namespace orvpub

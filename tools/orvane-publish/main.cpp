@@ -192,7 +192,7 @@ void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancel
         const size_t slash = job.path.find_last_of('/');
         transfer.label = slash == std::string::npos ? job.path : job.path.substr(slash + 1);
         console.Start(transfer);
-        job.outcome = session.Publish(job.path, job.path16, job.name16, transfer, false);
+        job.outcome = session.Publish(job.path, job.path16, job.name16, transfer);
         console.Finish(transfer);
         const Outcome& out = job.outcome;
         if (out.kind == Kind::Published) {
@@ -260,9 +260,7 @@ int main(int argc, char** argv)
                 console.Err(Printf("sign-in: library result %d, HTTP status %ld: %s", run.signIn.code,
                                    run.signIn.status, run.signIn.error.c_str()));
         } else if (o.dryRun) {
-            Transfer transfer;
-            const Outcome checked =
-                first.Publish(run.jobs[0].path, run.jobs[0].path16, run.jobs[0].name16, transfer, true);
+            const Outcome checked = first.FindProject();
             for (Job& job : run.jobs)
                 job.outcome = checked;
             if (checked.kind != Kind::Checked && checked.kind != Kind::Interrupted)
