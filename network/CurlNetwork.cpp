@@ -2,6 +2,7 @@
 
 #include "logging/Logger.h"
 #include "network/CurlNetworkException.h"
+#include "network/CurlTransferOptions.h"
 #include "rest/BufferReply.h"
 #include "rest/RestRequest.h"
 
@@ -272,6 +273,8 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
 
     const CurlHeaderList headers = MakeHeaderList(request);
     SetOpt(handle, CURLOPT_HTTPHEADER, headers.get());
+    TransferWatch watch(m_options.get(), reply);
+    watch.Apply(handle);
 
     long responseCode = 0;
     bool rewind = false;
@@ -280,8 +283,10 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
         if (rewind && request.m_body.Seek(0) != 0)
             throw CurlNetworkException("CurlNetwork: Failed Rewind on URL: " + request.m_url);
         const CURLcode code = curl_easy_perform(handle);
-        if (code != CURLE_OK)
+        if (code != CURLE_OK) {
+            watch.ThrowIfStopped(code);
             ThrowTransferError(code);
+        }
         Check(curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode));
         rewind = post;
         // Authenticate arms credentials once per Send: at most two transfers.

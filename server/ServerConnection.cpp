@@ -4,6 +4,7 @@
 #include "network/CurlNetworkException.h"
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
+#include "network/TransferOptions.h"
 #include "rest/BufferReply.h"
 #include "server/ConnectReqMsg.h"
 #include "server/ConnectRespMsg.h"
@@ -13,6 +14,7 @@
 #include "server/QueryProjReqMsg.h"
 #include "server/QueryProjRespMsg.h"
 #include "server/ServerException.h"
+#include "server/ServerReason.h"
 #include "sys/Errors.h"
 #include "sys/Path.h"
 #include "sys/Unicode.h"
@@ -38,6 +40,8 @@ ServerConnection::ServerConnection() : m_network(NetworkFactory::Create())
     // (and releases) one too.
     if (!s_initialized)
         throw ServerException(ServerException::NotInitialized, L"Initialize() must be called before any other use.");
+    m_options = std::make_shared<TransferOptions>();
+    m_network->SetTransferOptions(m_options);
 }
 
 ServerConnection::~ServerConnection()
@@ -71,8 +75,14 @@ std::string ServerConnection::Send(const ReqMsg& message)
     if (!request)  // a message of kind None has nothing to send
         ThrowLogicError(QRX_Status::InvalidArgument, "request message converts to no HTTP request");
     auto reply = std::make_shared<BufferReply>();
+    WatchBody(*request);
     try {
         m_network->Send(*request, *reply);
+    } catch (const TransferStopped& e) {
+        const bool cancelled = e.GetReason() == TransferStopped::Cancelled;
+        const std::wstring text = Unicode::ToWideChar(e.what()).str();
+        Log(text);
+        throw ServerException(cancelled ? ServerException::Cancelled : ServerException::TimedOut, text);
     } catch (const CurlNetworkException& e) {
         RefCntPtr<Logger> logger = Logger::Get();
         logger->QueueMessage(std::string("Curl Error:"));
@@ -80,10 +90,13 @@ std::string ServerConnection::Send(const ReqMsg& message)
         throw ServerException(ServerException::NetworkFailure, Unicode::ToWideChar(e.what()).str());
     }
     std::string body = ConvertRestReply(*reply, message.m_repType);
+    m_lastStatus = reply->m_status;
     // Unsigned on purpose: 0 and negative statuses fail too.
     if (static_cast<uint64_t>(reply->m_status) - 200 <= 99)
         return body;
-    // The caller sees the status only; the server's explanation goes to the log.
+    // The last error names the status only; the server's explanation goes to
+    // the log, and to the caller only through the reason getter.
+    m_lastReason = ServerReason(body);
     const std::wstring text = L"Server Response Code: " + std::to_wstring(static_cast<int32_t>(reply->m_status));
     RefCntPtr<Logger> logger = Logger::Get();
     logger->QueueMessage(text);
@@ -94,6 +107,7 @@ std::string ServerConnection::Send(const ReqMsg& message)
 void ServerConnection::Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
                                const std::wstring& siteId)
 {
+    const CallScope call(*this);
     if (m_connected) {
         Log(L"About to disconnect: " + m_host);
         Disconnect();
@@ -138,6 +152,7 @@ bool ServerConnection::QueryProjects(unsigned long pageNumber,
 void ServerConnection::PublishExtract(const std::wstring& path, const std::wstring& projectName,
                                       const std::wstring& datasourceName, bool overwrite)
 {
+    const CallScope call(*this);
     // One message for all three checks, so the caller cannot tell a wrong
     // extension from a missing file. Only a regular file (or a link to one)
     // counts: a directory would be measured at an absurd size, and opening a

@@ -3,6 +3,7 @@
 // token and site. Not locked: one thread uses a session at a time.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -11,6 +12,8 @@ namespace OrvaneInternal {
 
 class INetwork;
 class ReqMsg;
+class RestRequest;
+struct TransferOptions;
 
 class ServerConnection {
 public:
@@ -43,13 +46,44 @@ public:
     static void Cleanup();
     static bool s_initialized;
 
+    // The extension settings, shared with the transport; set by the thread
+    // that uses the session.
+    TransferOptions& Options() { return *m_options; }
+    // Safe from any thread while another is inside a call on the session.
+    void Cancel();
+    // Of the last call: the last reply's status (0: none), and the server's
+    // explanation when it refused ("" otherwise).
+    int64_t GetLastStatus() const { return m_lastStatus; }
+    const std::wstring& GetLastReason() const { return m_lastReason; }
+
     bool IsConnected() const { return m_connected; }
     const std::wstring& GetHost() const { return m_host; }
     const std::wstring& GetToken() const { return m_token; }
     const std::wstring& GetSiteId() const { return m_siteId; }
 
 private:
+    // Brackets Connect and PublishExtract: forgets the last status and reason,
+    // stops at once for a cancel made before the call, and drops a cancel that
+    // came too late to stop it.
+    class CallScope {
+    public:
+        explicit CallScope(ServerConnection& session);
+        ~CallScope();
+        CallScope(const CallScope&) = delete;
+        CallScope& operator=(const CallScope&) = delete;
+
+    private:
+        ServerConnection& m_session;
+    };
+
+    // Before an exchange: stops for a cancel, and has the request body's read
+    // path check for one (and report the upload's progress).
+    void WatchBody(RestRequest& request);
+
     std::shared_ptr<INetwork> m_network;
+    std::shared_ptr<TransferOptions> m_options;
+    int64_t m_lastStatus = 0;
+    std::wstring m_lastReason;
     std::wstring m_host;
     std::wstring m_token;
     std::wstring m_siteId;

@@ -1,24 +1,37 @@
 #!/usr/bin/env bash
-# libOrvaneServer.so must export the eight API functions and nothing else, and
-# carry a SONAME with its major version.
+# libOrvaneServer.so must export the eight API functions and the documented
+# extension functions of OrvaneServerExt.h, nothing else, and carry a SONAME
+# with its major version.
 # Usage: check_exported_symbols.sh path/to/libOrvaneServer.so
 set -euo pipefail
 library=$1
 status=0
 
 expected="OrvServerAPICleanup
+OrvServerAPIGetVersion
 OrvServerAPIInitialize
+OrvServerConnectionCancel
 OrvServerConnectionClose
 OrvServerConnectionConnect
 OrvServerConnectionCreate
 OrvServerConnectionDisconnect
+OrvServerConnectionEnableCancel
+OrvServerConnectionGetHttpStatus
+OrvServerConnectionGetServerReason
 OrvServerConnectionPublishExtract
-OrvServerConnectionSetProxyCredentials"
+OrvServerConnectionSetCACertificates
+OrvServerConnectionSetConnectTimeout
+OrvServerConnectionSetMaxRedirects
+OrvServerConnectionSetMaxReplySize
+OrvServerConnectionSetProgressCallback
+OrvServerConnectionSetProxyCredentials
+OrvServerConnectionSetStallTimeout
+OrvServerConnectionSetUploadBufferSize"
 
 # Defined dynamic symbols, whatever their kind (code, data, weak, unique).
 actual=$(nm -D --defined-only "$library" | awk '{ print $NF }' | sed 's/@.*//' | LC_ALL=C sort)
 if [ "$actual" != "$expected" ]; then
-  echo "exported symbols differ from the eight API functions:"
+  echo "exported symbols differ from the API functions:"
   diff <(printf '%s\n' "$expected") <(printf '%s\n' "$actual") || true
   status=1
 fi
@@ -40,5 +53,5 @@ if [ "$(readlink -f "$directory/$soname")" != "$(readlink -f "$library")" ]; the
   echo "$directory/$soname does not lead to $library"
   status=1
 fi
-[ $status -eq 0 ] && echo "exports: the eight API functions; SONAME $soname"
+[ $status -eq 0 ] && echo "exports: the eight API functions and the extensions; SONAME $soname"
 exit $status
