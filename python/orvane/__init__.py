@@ -85,7 +85,7 @@ def _error_class(code: int, message: str, status: int, signing_in: bool) -> Type
         return ProjectNotFound if message.startswith('Project "') else ExtractFileError
     if code == 401 and status == 409:
         return AlreadyExists
-    if code == 401 and signing_in:
+    if code == 401 and signing_in and status in (401, 403):
         return SignInError
     return ServerError if code in (300, 401, 403) else PublishError
 
@@ -235,9 +235,12 @@ class Session:
         hands it to the previous handler (KeyboardInterrupt by default) once the
         call has returned.
 
-        The progress callback sees the flag at once; a watcher thread, woken
-        through the signal wakeup fd, cancels the phases without callbacks
-        (signing in, finding the project, waiting for the reply)."""
+        Inside a progress callback the handler runs at once and the callback
+        stops the upload. Elsewhere (signing in, finding the project, waiting
+        for the reply) the main thread runs no Python, so a watcher thread,
+        woken through the signal wakeup fd, cancels instead. It leaves a signal
+        the callback has already seen alone: a cancel reaching the handle after
+        its call ended would stop the next call."""
         self._interrupted = False
         previous = signal.getsignal(signal.SIGINT) if threading.current_thread() is threading.main_thread() else None
         if not callable(previous):
@@ -245,6 +248,7 @@ class Session:
             return
         reader, writer = socket.socketpair()
         writer.setblocking(False)
+        running, running_lock = [True], threading.Lock()
 
         def on_sigint(signum: int, frame: Any) -> None:
             self._interrupted = True
@@ -254,9 +258,10 @@ class Session:
                 data = reader.recv(64)
                 if not data:
                     return
-                if signal.SIGINT in data:
-                    self._interrupted = True
-                    self._lib.OrvServerConnectionCancel(self._handle)
+                with running_lock:
+                    if signal.SIGINT in data and running[0] and not self._interrupted:
+                        self._lib.OrvServerConnectionCancel(self._handle)
+                    self._interrupted = self._interrupted or signal.SIGINT in data
 
         watcher = threading.Thread(target=watch, name="orvane-ctrl-c", daemon=True)
         watcher.start()
@@ -265,6 +270,8 @@ class Session:
         try:
             yield
         finally:
+            with running_lock:
+                running[0] = False
             signal.set_wakeup_fd(previous_fd)
             signal.signal(signal.SIGINT, previous)
             writer.close()
