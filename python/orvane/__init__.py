@@ -18,7 +18,7 @@ import signal
 import socket
 import threading
 import weakref
-from typing import Any, Callable, Iterator, Optional, Type, Union
+from typing import Any, Callable, Iterator, List, Optional, Tuple, Type, Union
 
 from . import _native
 
@@ -92,7 +92,8 @@ def _error_class(code: int, message: str, status: int, signing_in: bool) -> Type
 
 def library_version() -> str:
     """The loaded libOrvaneServer's version, "MAJOR.MINOR.PATCH"."""
-    return _native.library().OrvServerAPIGetVersion().decode()
+    version: bytes = _native.library().OrvServerAPIGetVersion()
+    return version.decode()
 
 
 def _text(path: Union[StrPath, bytes]) -> str:
@@ -121,12 +122,12 @@ class Session:
         handle = ctypes.c_void_p()
         self._handle: Optional[int] = None
         self._check(self._lib.OrvServerConnectionCreate(ctypes.byref(handle)))
-        self._handle = handle.value
-        _native.register(handle.value)
-        self._finalizer = weakref.finalize(self, _native.close, handle.value)
+        self._handle = handle.value or 0
+        _native.register(self._handle)
+        self._finalizer = weakref.finalize(self, _native.close, self._handle)
         self._finalizer.atexit = False  # the library's own exit hook closes what is left
         try:
-            calls: list = [("EnableCancel",)]
+            calls: List[Tuple[Any, ...]] = [("EnableCancel",)]
             for name, value in (("SetConnectTimeout", connect_timeout), ("SetStallTimeout", stall_timeout),
                                 ("SetMaxRedirects", max_redirects), ("SetMaxReplySize", max_reply_size),
                                 ("SetUploadBufferSize", upload_buffer_size)):
@@ -201,7 +202,7 @@ class Session:
         try:
             if self._handle is None:
                 raise ValueError("the Session is closed")
-            failure: list = []
+            failure: List[BaseException] = []
 
             def on_progress(_: Any, sent: int, total: int) -> int:
                 if self._interrupted or failure:
@@ -221,7 +222,7 @@ class Session:
                 with self._ctrl_c():
                     code = function(self._handle, *args)
             finally:
-                self._lib.OrvServerConnectionSetProgressCallback(self._handle, _native.PROGRESS(), None)
+                self._lib.OrvServerConnectionSetProgressCallback(self._handle, _native.PROGRESS(0), None)
                 self._owner = None
             if failure:
                 raise failure[0]

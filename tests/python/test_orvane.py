@@ -121,8 +121,11 @@ def cancel_from_another_thread(session):  # as a stop button would
     canceller.join()
 
 
-@pytest.mark.parametrize("stop, raised", [(cancel_from_another_thread, orvane.Cancelled),
-                                          (lambda s: os.kill(os.getpid(), signal.SIGINT), KeyboardInterrupt)])
+STOPS = [(cancel_from_another_thread, orvane.Cancelled), (lambda s: 1 / 0, ZeroDivisionError),  # raised by progress
+         (lambda s: os.kill(os.getpid(), signal.SIGINT), KeyboardInterrupt)]
+
+
+@pytest.mark.parametrize("stop, raised", STOPS)
 def test_a_stop_during_the_upload_cancels_it(server, stop, raised):
     path = server.extract("big.qrx", 4 << 20)
     with server.session() as s:
