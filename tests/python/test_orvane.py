@@ -20,6 +20,7 @@ import orvane  # noqa: E402
 for key in [k for k in os.environ if k.lower() in ("http_proxy", "https_proxy", "all_proxy")]:
     del os.environ[key]
 os.environ["no_proxy"] = "127.0.0.1,localhost"
+signal.signal(signal.SIGINT, signal.default_int_handler)  # as at a terminal, also when started in the background
 
 
 class Server:
