@@ -37,8 +37,10 @@ void TransferWatch::Apply(CURL* handle)
     if (m_options == nullptr)
         return;
     const TransferOptions& options = *m_options;
-    SetOpt(handle, CURLOPT_WRITEFUNCTION, &TransferWatch::Write);
-    SetOpt(handle, CURLOPT_WRITEDATA, static_cast<void*>(this));
+    if (options.m_maxReplySize != 0 || options.Watched()) {
+        SetOpt(handle, CURLOPT_WRITEFUNCTION, &TransferWatch::Write);
+        SetOpt(handle, CURLOPT_WRITEDATA, static_cast<void*>(this));
+    }
     if (options.m_connectTimeout > 0)
         SetOpt(handle, CURLOPT_CONNECTTIMEOUT, options.m_connectTimeout);
     if (options.m_maxRedirects >= 0)

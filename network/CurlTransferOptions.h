@@ -1,8 +1,9 @@
 // How CurlNetwork applies a session's TransferOptions to one Send: only the
-// settings that were set become libcurl options. The reply always passes
-// through a write callback that honours a cancel and the reply size limit;
-// a watched session adds a transfer-info callback, called by libcurl at least
-// once a second, that notices a cancel or a stall while the server is silent.
+// settings that were set become libcurl options. With a reply size limit or a
+// watched session, the reply passes through a write callback that honours the
+// limit and a cancel; a watched session adds a transfer-info callback, called
+// by libcurl at least once a second, that notices a cancel or a stall while
+// the server is silent. An untouched session keeps the plain callbacks.
 #pragma once
 
 #include "network/TransferOptions.h"

@@ -66,7 +66,8 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetProgressCallback(void* handle, O
 /* Prepares the handle so that OrvServerConnectionCancel stops a running call
  * within about a second, also while the server sends nothing. Without it (or
  * a progress callback, or a time limit) a cancel takes effect only when the
- * running call next reads its body or receives data. */
+ * running call next reads its upload body or starts its next exchange with
+ * the server. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionEnableCancel(void* handle);
 
 /* Asks the call running on `handle` (in another thread) to stop; that call
