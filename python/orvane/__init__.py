@@ -44,6 +44,9 @@ class PublishError(Exception):
         text = f"{message or 'failed'} [code {code}]"
         super().__init__(text + (f"; HTTP {http_status}: {reason}" if reason else ""))
 
+    def __reduce__(self) -> Tuple[Any, ...]:  # so that errors cross process pools
+        return type(self), (self.code, self.message, self.http_status, self.reason)
+
 
 class SignInError(PublishError):
     """The server refused the sign-in: user name, password or site."""
@@ -216,9 +219,9 @@ class Session:
                 return int(self._interrupted)
 
             callback = _native.PROGRESS(on_progress)
-            self._owner = threading.get_ident()
             self._check(self._lib.OrvServerConnectionSetProgressCallback(self._handle, callback, None))
             try:
+                self._owner = threading.get_ident()
                 with self._ctrl_c():
                     code = function(self._handle, *args)
             finally:
