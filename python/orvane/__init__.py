@@ -5,9 +5,7 @@
         s.publish("q1.qrx", project="Quarterly", name="Q1", overwrite=True,
                   progress=lambda sent, total: print(f"{sent}/{total}"))
 
-A thin layer over libOrvaneServer (found through ORVANE_LIBRARY, then beside
-the installed prefix, then the system loader). Failures raise PublishError
-subclasses.
+Failures raise PublishError subclasses.
 """
 from __future__ import annotations
 
@@ -188,15 +186,21 @@ class Session:
         self.close()
 
     def _check(self, code: int, signing_in: bool = False) -> None:
+        error = self._error(code, signing_in)
+        if error is not None:
+            raise error
+
+    def _error(self, code: int, signing_in: bool) -> Optional[PublishError]:
+        """The exception for a result code, from this thread's last error and the handle's last reply."""
         if code == 0:
-            return
+            return None
         message = self._lib.OrvGetLastErrorMessage() or ""
         status, reason = ctypes.c_long(0), ctypes.c_wchar_p()
         if self._handle is not None:
             self._lib.OrvServerConnectionGetHttpStatus(self._handle, ctypes.byref(status))
             self._lib.OrvServerConnectionGetServerReason(self._handle, ctypes.byref(reason))
         cls = _error_class(code, message, status.value, signing_in)
-        raise cls(code, message, status.value, reason.value or "")
+        return cls(code, message, status.value, reason.value or "")
 
     def _call(self, function: Callable[..., int], *args: Any, signing_in: bool = False,
               progress: Optional[Progress] = None) -> None:
@@ -224,12 +228,14 @@ class Session:
                 self._owner = threading.get_ident()
                 with self._ctrl_c():
                     code = function(self._handle, *args)
+                error = self._error(code, signing_in)  # before another call on the handle
             finally:
                 self._lib.OrvServerConnectionSetProgressCallback(self._handle, _native.PROGRESS(0), None)
                 self._owner = None
             if failure:
                 raise failure[0]
-            self._check(code, signing_in)
+            if error is not None:
+                raise error
         finally:
             self._busy.release()
 

@@ -41,7 +41,7 @@ _FUNCTIONS = {
     "OrvServerConnectionGetServerReason": (c_void_p, POINTER(c_wchar_p)),
 }
 
-_lock = threading.Lock()
+_lock = threading.RLock()  # reentrant: a collected Session closes its handle from any allocation
 _lib: Optional[ctypes.CDLL] = None
 _started = False
 _open: Set[int] = set()  # handles not yet closed, closed at exit before the library stops
