@@ -119,7 +119,7 @@ class Session:
         self._busy = threading.Lock()  # held for the length of a call; close() waits for it
         self._owner: Optional[int] = None
         self._handle_lock = threading.Lock()  # keeps cancel() from racing close()
-        self._interrupted = False
+        self._interrupted = self._cancel_requested = False
         handle = ctypes.c_void_p()
         self._handle: Optional[int] = None
         self._check(self._lib.OrvServerConnectionCreate(ctypes.byref(handle)))
@@ -164,8 +164,12 @@ class Session:
                    progress=progress)
 
     def cancel(self) -> None:
-        """Stops the call running on this session in another thread; it raises
-        Cancelled. Made while no call runs, it stops the next one at its start."""
+        """Stops the call running on this session (from another thread, or from
+        its progress callback); it raises Cancelled. Made while no call runs, it
+        stops the next one at its start."""
+        if self._owner == threading.get_ident():  # the callback must not call into the library
+            self._cancel_requested = True
+            return
         with self._handle_lock:
             if self._handle is not None:
                 self._lib.OrvServerConnectionCancel(self._handle)
@@ -210,6 +214,7 @@ class Session:
             if self._handle is None:
                 raise ValueError("the Session is closed")
             failure: List[BaseException] = []
+            self._cancel_requested = False
 
             def on_progress(_: Any, sent: int, total: int) -> int:
                 if self._interrupted or failure:
@@ -220,7 +225,7 @@ class Session:
                 except BaseException as e:  # the library must see a return value, never an exception
                     failure.append(e)
                     return 1
-                return int(self._interrupted)
+                return int(self._interrupted or self._cancel_requested)
 
             callback = _native.PROGRESS(on_progress)
             self._check(self._lib.OrvServerConnectionSetProgressCallback(self._handle, callback, None))

@@ -77,8 +77,7 @@ def test_publish_stores_the_bytes_and_reports_progress(server):
         s.publish(first, project="Samples", name="Quartal ü 1")
         s.publish(second, project="Samples", name="q1", overwrite=True)
     assert server.published() == {("Samples", "q1"): digest(second), ("Samples", "Quartal ü 1"): digest(first)}
-    # From 0 to the whole body (the file and the multipart envelope), in steps of at most 64 KiB.
-    total = calls[-1][1]
+    total = calls[-1][1]  # the whole body: the file and the multipart envelope
     assert calls[0] == (0, total) and calls[-1] == (total, total) and 300_000 < total < 302_000
     assert {t for _, t in calls} == {total} and len(calls) == 2 + 300_000 // 65536
     assert all(0 < b - a <= 65536 for (a, _), (b, _) in zip(calls, calls[1:]))
@@ -122,8 +121,8 @@ def cancel_from_another_thread(session):  # as a stop button would
     canceller.join()
 
 
-STOPS = [(cancel_from_another_thread, orvane.Cancelled), (lambda s: 1 / 0, ZeroDivisionError),  # raised by progress
-         (lambda s: os.kill(os.getpid(), signal.SIGINT), KeyboardInterrupt)]
+STOPS = [(cancel_from_another_thread, orvane.Cancelled), (lambda s: s.cancel(), orvane.Cancelled),
+         (lambda s: 1 / 0, ZeroDivisionError), (lambda s: os.kill(os.getpid(), signal.SIGINT), KeyboardInterrupt)]
 
 
 @pytest.mark.parametrize("stop, raised", STOPS)
