@@ -153,7 +153,7 @@ def test_ctrl_c_while_the_server_is_silent_cancels_the_wait(server):
 
 def test_four_threads_publish_at_once(server):
     paths = [server.extract(f"t{i}.qrx", 1 << 20) for i in range(4)]
-    in_flight, errors = threading.Barrier(4, timeout=60), []
+    in_flight, errors = threading.Barrier(5, timeout=60), []  # the four uploads and this thread
 
     def publish_one(path):
         try:  # each upload waits mid-body until all four are under way
@@ -164,6 +164,7 @@ def test_four_threads_publish_at_once(server):
     threads = [threading.Thread(target=publish_one, args=(p,)) for p in paths]
     for t in threads:
         t.start()
+    in_flight.wait()
     for t in threads:
         t.join(120)
     assert errors == [] and not any(t.is_alive() for t in threads)
