@@ -14,8 +14,9 @@ source tools/reference-server.sh
 start_reference_server /tmp/orvane-demo
 echo "Reference server listening on $server (user demo, project \"Samples\" on page 3 of its projects)"
 
-# A sample extract: 4 MiB of data under the .qrx name the server expects.
-head -c 4194304 /dev/urandom > "$work/sales.qrx"
+# A sample extract: 256 MiB of data under the .qrx name the server expects,
+# large enough for the progress meter to show on a terminal.
+head -c 268435456 /dev/urandom > "$work/sales.qrx"
 echo "Publishing $work/sales.qrx ($(stat -c %s "$work/sales.qrx") bytes, sha256 $(sha256sum "$work/sales.qrx" | cut -c1-16)...)"
 echo
 ORVANE_PASSWORD=demo-password ORV_SDK_LOGDIR="$work" \
