@@ -8,7 +8,7 @@
 # callgrind's counts of the lookup; --profile-dir keeps its files). Takes a few
 # minutes; needs about 2.5 GiB free in $TMPDIR (or /tmp).
 #
-# Usage: tools/bench.sh [--runs N] [--only upload,memory,lookup,logging,startup]
+# Usage: tools/bench.sh [--runs N] [--only upload,extension,memory,lookup,logging,startup]
 #                       [--quick] [--profile] [--profile-dir DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -70,8 +70,8 @@ class Bench:
         return {"values": {k: float(v) for k, v in values.items()}, "out": done.stdout, "wall": wall,
                 "cpu": after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime}
 
-    def publish(self, path, project=peers.UPLOAD_PROJECT, rounds=1):
-        return self.run([self.exe("publish_bench"), self.nginx.url, project, path, str(rounds)])["values"]
+    def publish(self, path, project=peers.UPLOAD_PROJECT, rounds=1, mode="plain"):
+        return self.run([self.exe("publish_bench"), self.nginx.url, project, path, str(rounds), mode])["values"]
 
     def publish_checked(self, path, size, body_size=None):
         """One publish into the page-1 project, checked in nginx's log: its figures and the log entry."""
@@ -167,6 +167,26 @@ def curl_upload(b, body, seen, body_size):
     return sum(times), times[1], r["cpu"]
 
 
+def extension(b):
+    """The extension API's cost: progress and limits set against none; a 512 KiB upload buffer against curl."""
+    label, size = ("64 MiB", 64 * MiB) if b.args.quick else ("1 GiB", GiB)
+    extract = b.file("extension.qrx", size)
+    seen = b.publish_checked(extract, size)[1]
+    body = curl_body(b, extract, seen)
+    body_size = os.path.getsize(body)
+    runs = b.alternate(**{mode: (lambda m=mode: b.publish(extract, mode=m)["publish_wall_s_0"])
+                          for mode in ("plain", "limits", "buffer512k")},
+                       curl=lambda: curl_upload(b, body, seen, body_size)[0])
+    limits, plain = stats(runs["limits"], 1e3), stats(runs["plain"], 1e3)
+    b.row("Extension", f"progress + limits, publish {label} (wall)", "ms", limits, plain, "against the same "
+          "publish with no extension call", "<= 1.02", limits["median"] / plain["median"] <= 1.02)
+    buffer, curl = (stats([body_size / t / MiB for t in runs[k]]) for k in ("buffer512k", "curl"))
+    b.row("Extension", f"512 KiB upload buffer, throughput {label}", "MiB/s", buffer, curl, "against the curl tool "
+          "(its default buffer)", ">= 1.3", buffer["median"] / curl["median"] >= 1.3)
+    os.unlink(body)
+    os.unlink(extract)
+
+
 def memory(b):
     sizes = [("1 MiB", MiB), ("1 GiB", GiB), ("4 GiB", 4 * GiB)]
     for _, size in sizes:
@@ -243,7 +263,7 @@ def startup(b):
               stats([r[i] for r in runs["ref"]], factor), note)
 
 
-BENCHMARKS = {"upload": upload, "memory": memory, "lookup": lookup, "logging": logging, "startup": startup}
+BENCHMARKS = {"upload": upload, "extension": extension, "memory": memory, "lookup": lookup, "logging": logging, "startup": startup}
 
 
 def main():

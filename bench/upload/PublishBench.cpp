@@ -3,10 +3,13 @@
 // read meanwhile, which show that the whole file went out (libcurl asks for the next chunk only once
 // the last one is sent); at the end, the peak resident set. Start-up and sign-in are not timed.
 //
-// Usage: publish_bench URL PROJECT FILE.qrx [ROUNDS]   round i's figures carry the suffix _i.
+// Usage: publish_bench URL PROJECT FILE.qrx [ROUNDS] [MODE]   round i's figures carry the suffix _i.
+// MODE: plain (no extension call), limits (progress, cancel and every limit set) or buffer512k.
 #include "bench/common/BenchSupport.h"
 
-#include <orvane/OrvaneServer.h>
+#include <orvane/OrvaneServerExt.h>
+
+#include <cstring>
 
 using namespace OrvaneBench;
 
@@ -21,12 +24,18 @@ void Check(const char* step, ORV_RESULT rc)
     }
 }
 
+int CountProgress(void* calls, uint64_t, uint64_t)
+{
+    ++*static_cast<uint64_t*>(calls);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
     if (argc < 4)
-        Fail("usage: publish_bench URL PROJECT FILE.qrx [ROUNDS]");
+        Fail("usage: publish_bench URL PROJECT FILE.qrx [ROUNDS] [MODE]");
     const int rounds = Number(argc, argv, 4, 1, 1, 1000);
     const Utf16 server = ToUtf16(argv[1]), project = ToUtf16(argv[2]), path = ToUtf16(argv[3]);
     const Utf16 user = ToUtf16("bench"), password = ToUtf16("bench-password"), site = ToUtf16("bench");
@@ -37,6 +46,21 @@ int main(int argc, char** argv)
     Check("OrvServerConnectionCreate", OrvServerConnectionCreate(&connection));
     Check("OrvServerConnectionConnect",
           OrvServerConnectionConnect(connection, server.c_str(), user.c_str(), password.c_str(), site.c_str()));
+    const char* mode = argc > 5 ? argv[5] : "plain";
+    uint64_t progressCalls = 0;
+    if (std::strcmp(mode, "limits") == 0) {
+        Check("OrvServerConnectionSetProgressCallback",
+              OrvServerConnectionSetProgressCallback(connection, CountProgress, &progressCalls));
+        Check("OrvServerConnectionEnableCancel", OrvServerConnectionEnableCancel(connection));
+        Check("OrvServerConnectionSetConnectTimeout", OrvServerConnectionSetConnectTimeout(connection, 10));
+        Check("OrvServerConnectionSetStallTimeout", OrvServerConnectionSetStallTimeout(connection, 60));
+        Check("OrvServerConnectionSetMaxRedirects", OrvServerConnectionSetMaxRedirects(connection, 5));
+        Check("OrvServerConnectionSetMaxReplySize", OrvServerConnectionSetMaxReplySize(connection, 1 << 20));
+    } else if (std::strcmp(mode, "buffer512k") == 0) {
+        Check("OrvServerConnectionSetUploadBufferSize", OrvServerConnectionSetUploadBufferSize(connection, 512 << 10));
+    } else if (std::strcmp(mode, "plain") != 0) {
+        Fail("MODE is plain, limits or buffer512k");
+    }
     for (int round = 0; round < rounds; ++round) {
         const long read = ProcSelf("io", "rchar:");
         const double wall = WallSeconds();
@@ -51,5 +75,6 @@ int main(int argc, char** argv)
     Check("OrvServerConnectionClose", OrvServerConnectionClose(connection));
     Check("OrvServerAPICleanup", OrvServerAPICleanup());
     Report("peak_rss_kib", ProcSelf("status", "VmHWM:"));
+    Report("progress_calls", static_cast<double>(progressCalls));
     return 0;
 }
