@@ -9,7 +9,6 @@
 
 #include <orvane/OrvaneServerExt.h>
 
-#include <cstring>
 
 using namespace OrvaneBench;
 
@@ -49,13 +48,13 @@ int main(int argc, char** argv)
     const char* mode = argc > 5 ? argv[5] : "plain";
     uint64_t progressCalls = 0;
     if (std::strcmp(mode, "limits") == 0) {
-        Check("OrvServerConnectionSetProgressCallback",
-              OrvServerConnectionSetProgressCallback(connection, CountProgress, &progressCalls));
-        Check("OrvServerConnectionEnableCancel", OrvServerConnectionEnableCancel(connection));
-        Check("OrvServerConnectionSetConnectTimeout", OrvServerConnectionSetConnectTimeout(connection, 10));
-        Check("OrvServerConnectionSetStallTimeout", OrvServerConnectionSetStallTimeout(connection, 60));
-        Check("OrvServerConnectionSetMaxRedirects", OrvServerConnectionSetMaxRedirects(connection, 5));
-        Check("OrvServerConnectionSetMaxReplySize", OrvServerConnectionSetMaxReplySize(connection, 1 << 20));
+        for (ORV_RESULT rc : {OrvServerConnectionSetProgressCallback(connection, CountProgress, &progressCalls),
+                              OrvServerConnectionEnableCancel(connection),
+                              OrvServerConnectionSetConnectTimeout(connection, 10),
+                              OrvServerConnectionSetStallTimeout(connection, 60),
+                              OrvServerConnectionSetMaxRedirects(connection, 5),
+                              OrvServerConnectionSetMaxReplySize(connection, 1 << 20)})
+            Check("an extension setter", rc);
     } else if (std::strcmp(mode, "buffer512k") == 0) {
         Check("OrvServerConnectionSetUploadBufferSize", OrvServerConnectionSetUploadBufferSize(connection, 512 << 10));
     } else if (std::strcmp(mode, "plain") != 0) {
