@@ -1,8 +1,13 @@
-# The shared library with the exported C API: the eight functions and nothing
-# else (hidden visibility, a version script, and no re-export of the static
-# libraries linked in).
-add_library(OrvaneServer SHARED ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.cpp)
+# The shared library with the exported C API: the eight functions and the
+# extensions of OrvaneServerExt.h, nothing else (hidden visibility, a version
+# script, and no re-export of the static libraries linked in).
+add_library(OrvaneServer SHARED
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerExt.cpp)
 add_library(Orvane::Server ALIAS OrvaneServer)
+# The version string the library reports, from project(... VERSION).
+configure_file(${CMAKE_CURRENT_LIST_DIR}/LibraryVersion.h.in ${PROJECT_BINARY_DIR}/generated/capi/LibraryVersion.h @ONLY)
+target_include_directories(OrvaneServer PRIVATE ${PROJECT_BINARY_DIR}/generated)
 target_link_libraries(OrvaneServer PRIVATE OrvaneServerCore PUBLIC OrvaneCommon)
 target_include_directories(OrvaneServer PUBLIC
   $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
@@ -25,6 +30,7 @@ install(TARGETS OrvaneServer OrvaneCommon EXPORT OrvaneServerTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServer.h ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneCommon.h
+  ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServerExt.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
 install(EXPORT OrvaneServerTargets NAMESPACE Orvane::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OrvaneServer)

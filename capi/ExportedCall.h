@@ -1,14 +1,18 @@
 // What every exported function shares: one handler that lets no exception
 // out (ServerException becomes its code and message, anything else "Unknown
-// error"), the null-argument check and the handle lookup.
+// error" and a log line "Error: " with the reason), the null-argument check
+// and the handle lookup.
 #ifndef ORVANE_CAPI_EXPORTEDCALL_H
 #define ORVANE_CAPI_EXPORTEDCALL_H
 
 #include <orvane/OrvaneCommon.h>
 
+#include <exception>
 #include <string>
 
 #include "common/HandleRepository.h"
+#include "logging/Logger.h"
+#include "rest/RestIO.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
 #include "sys/StringUtils.h"
@@ -24,6 +28,28 @@ inline void SetLastError(const wchar_t* message)
     }
 }
 
+// Called from a handler: the log line behind "Unknown error", which tells the
+// caller nothing more. The text is the exception's own; none of them carries
+// a password.
+inline void LogUnknownError()
+{
+    try {
+        std::string reason;
+        try {
+            throw;
+        } catch (RestIO::RestIOException& e) {
+            reason = e.what();  // its text is only on the non-const what()
+        } catch (const std::exception& e) {
+            reason = e.what();
+        } catch (...) {
+            reason = "an exception of unknown type";
+        }
+        Logger::Get()->QueueMessage("Error: " + reason);
+    } catch (...) {
+        // Out of memory for the line: the caller still gets its code.
+    }
+}
+
 template <class Operation>
 ORV_RESULT Guarded(Operation&& operation)
 {
@@ -33,6 +59,7 @@ ORV_RESULT Guarded(Operation&& operation)
         SetLastError(e.getMessage().c_str());
         return e.getErrorCode();
     } catch (...) {
+        LogUnknownError();
         SetLastError(L"Unknown error");
         return ORV_RESULT_UnknownError;
     }

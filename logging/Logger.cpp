@@ -39,9 +39,11 @@ RefCntPtr<Logger> Logger::Get()
     RefCntPtr<Logger> current = s_instance;
     if (current)
         return current;
-    RefCntPtr<Logger> standIn(new NullLogger());
-    s_instance = standIn;
-    return standIn;
+    // One stand-in for the process, made once (thread-safe) and never freed.
+    // Get never writes the slot: two first callers on different threads would
+    // race on it.
+    static const RefCntPtr<Logger>* const standIn = new RefCntPtr<Logger>(new NullLogger());
+    return *standIn;
 }
 
 std::ostream& operator<<(std::ostream& out, const msec& value)

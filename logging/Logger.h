@@ -30,6 +30,8 @@ public:
     // Installs `logger` (a null one empties the slot). Meant for start-up,
     // before other threads log: the slot itself is not locked.
     static void Init(RefCntPtr<Logger> logger);
+    // The installed logger, or else the one process-wide logger that discards
+    // everything; never writes the slot, so it is safe on any thread.
     static RefCntPtr<Logger> Get();
 
 private:

@@ -4,7 +4,8 @@
 //
 // The file is held under an exclusive flock for as long as it is in use, so two
 // processes never share a file: a taken name falls back to base_1 ... base_9.
-// A file already larger than 1 MiB is started afresh when it is taken. With a
+// A link at a name is passed over like a taken one, and a new file is made
+// mode 0600. A file already larger than 1 MiB is started afresh when it is taken. With a
 // non-zero interval the logger moves on to a new, time-stamped file once the
 // interval has passed.
 //
@@ -49,8 +50,7 @@ public:
     void QueueStop() override;
     const std::wstring& GetBaseFilePath() const override { return m_baseFilePath; }
 
-    // "2016-05-11 22:03:09.042 (140213): ". The thread id is the OS thread id
-    // (gettid), the number operators see in top -H and ps -L.
+    // The line header (see LineHeader), narrow and widened.
     static std::string FormatHeader(const datetime& time, unsigned long threadId);
     static std::wstring FormatHeaderW(const datetime& time, unsigned long threadId);
     // Now, in UTC when s_utc is set, local time otherwise.
@@ -60,13 +60,17 @@ public:
     static bool s_utc;
 
 private:
+    // The file side (SimpleLoggerFile.cpp): false when neither the name nor
+    // any numbered sibling can be opened and locked.
     bool Open(const std::wstring& path);
     bool OpenUniqueName(const std::wstring& name);
     bool OpenMaybeTruncate(const std::wstring& name);
-    void RotateCheck();
-    void WriteLine(const std::string& header, const char* text);
-    void Write(const std::wstring& text);
+
+    template <class Text>
+    void Queue(const Text& message) noexcept;
     void Push(std::wstring text);
+    void RotateCheck();
+    void Write(const std::string& bytes);
 
     std::unique_ptr<std::ostream> m_stream;
     tbb::concurrent_bounded_queue<std::wstring*> m_queue;  // owns its entries; null is the stop signal

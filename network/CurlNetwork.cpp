@@ -2,6 +2,7 @@
 
 #include "logging/Logger.h"
 #include "network/CurlNetworkException.h"
+#include "network/CurlTransferOptions.h"
 #include "rest/BufferReply.h"
 #include "rest/RestRequest.h"
 
@@ -42,12 +43,6 @@ struct EasyDeleter {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
 };
 using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
-
-void Check(CURLcode code)
-{
-    if (code != CURLE_OK)
-        throw CurlNetworkException(code);
-}
 
 template <class T>
 void SetOpt(CURL* handle, CURLoption option, T value)
@@ -258,7 +253,6 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
         SetOpt(handle, CURLOPT_READDATA, static_cast<void*>(&request));
         SetOpt(handle, CURLOPT_SEEKFUNCTION, &SeekFunction);
         SetOpt(handle, CURLOPT_SEEKDATA, static_cast<void*>(&request));
-        SetOpt(handle, CURLOPT_FOLLOWLOCATION, 1L);
         SetOpt(handle, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
     } else {
         SetOpt(handle, CURLOPT_HTTPGET, 1L);
@@ -272,6 +266,8 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
 
     const CurlHeaderList headers = MakeHeaderList(request);
     SetOpt(handle, CURLOPT_HTTPHEADER, headers.get());
+    TransferWatch watch(m_options.get(), reply);
+    watch.Apply(handle);
 
     long responseCode = 0;
     bool rewind = false;
@@ -280,8 +276,10 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
         if (rewind && request.m_body.Seek(0) != 0)
             throw CurlNetworkException("CurlNetwork: Failed Rewind on URL: " + request.m_url);
         const CURLcode code = curl_easy_perform(handle);
-        if (code != CURLE_OK)
+        if (code != CURLE_OK) {
+            watch.ThrowIfStopped(code);
             ThrowTransferError(code);
+        }
         Check(curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode));
         rewind = post;
         // Authenticate arms credentials once per Send: at most two transfers.

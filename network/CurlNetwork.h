@@ -10,6 +10,7 @@
 #include "network/Certificate.h"
 #include "network/CurlNetworkProxy.h"
 #include "network/INetwork.h"
+#include "network/TransferOptions.h"
 
 #include <curl/curl.h>
 
@@ -27,6 +28,7 @@ public:
 
     void SetProxyCredentials(const std::string& user, const std::string& password) override;
     void Send(RestRequest& request, RestReply& reply) override;
+    void SetTransferOptions(const std::shared_ptr<TransferOptions>& options) override { m_options = options; }
 
     // The one credentials source, for the proxy and the server alike; host,
     // port and type are where a per-host source would plug in.
@@ -47,6 +49,7 @@ private:
     std::string m_proxyUser;
     std::string m_proxyPassword;
     bool m_proxyCredentialsSet = false;
+    std::shared_ptr<TransferOptions> m_options;  // the session's; none for a transport made alone
 };
 
 struct CurlHeaderListDeleter {

@@ -21,4 +21,12 @@ private:
     std::string m_message;
 };
 
+// Every libcurl call's code goes through here: a failure becomes the
+// exception at once.
+inline void Check(CURLcode code)
+{
+    if (code != CURLE_OK)
+        throw CurlNetworkException(code);
+}
+
 }  // namespace OrvaneInternal

@@ -8,9 +8,7 @@ namespace OrvaneInternal {
 
 void CurlNetworkStatic::CurlInit()
 {
-    const CURLcode code = curl_global_init(CURL_GLOBAL_ALL);
-    if (code != CURLE_OK)
-        throw CurlNetworkException(code);
+    Check(curl_global_init(CURL_GLOBAL_ALL));
 }
 
 void CurlNetworkStatic::CurlCleanup()

@@ -3,12 +3,14 @@
 // exchange itself fails (CurlNetworkException).
 #pragma once
 
+#include <memory>
 #include <string>
 
 namespace OrvaneInternal {
 
 class RestRequest;
 class RestReply;
+struct TransferOptions;
 
 class INetwork {
 public:
@@ -17,6 +19,9 @@ public:
     virtual void SetProxyCredentials(const std::string& user, const std::string& password) = 0;
     // Performs `request`, filling `reply` with the body and the status.
     virtual void Send(RestRequest& request, RestReply& reply) = 0;
+    // The session's extension settings, kept for every later Send; a
+    // transport that has none of them to apply may ignore them.
+    virtual void SetTransferOptions(const std::shared_ptr<TransferOptions>&) {}
 };
 
 }  // namespace OrvaneInternal

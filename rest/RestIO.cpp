@@ -59,6 +59,10 @@ size_t RestIO::Read(char* buffer, size_t size)
     if (static_cast<size_t>(m_current) >= count) {
         m_current = static_cast<int32_t>(count) - 1;
     }
+    m_position += total;
+    if (m_observer) {
+        m_observer(m_position);
+    }
     return total;
 }
 
@@ -87,7 +91,7 @@ int RestIO::Seek(size_t offset)
                     return kSeekFail;
                 }
                 m_current = static_cast<int32_t>(i);
-                return kSeekOk;
+                return Moved(offset);
             }
             remaining -= s;
             // s - 1 wraps for an empty part, which no part accepts.
@@ -101,6 +105,15 @@ int RestIO::Seek(size_t offset)
         return kSeekFail;
     }
     m_current = 0;
+    return Moved(0);
+}
+
+int RestIO::Moved(uint64_t position)
+{
+    m_position = position;
+    if (m_observer) {
+        m_observer(m_position);
+    }
     return kSeekOk;
 }
 

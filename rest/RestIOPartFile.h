@@ -5,15 +5,19 @@
 
 #include "rest/RestIOPart.h"
 
-#include <fstream>
 #include <string>
 
 namespace OrvaneInternal {
 
 class RestIOPartFile : public RestIOPart {
 public:
-    // Throws RestIO::RestIOException "Failed to open file: " + path.
+    // Throws RestIO::RestIOException "Failed to open file: " + path, also when
+    // the path no longer names a regular file (it may have been swapped for
+    // a pipe since it was checked).
     explicit RestIOPartFile(const std::string& path);
+    ~RestIOPartFile() override;
+    RestIOPartFile(const RestIOPartFile&) = delete;
+    RestIOPartFile& operator=(const RestIOPartFile&) = delete;
 
     // Yields exactly the size measured at construction: a file that has grown
     // since is cut there; one that has shrunk, or any other failure, throws
@@ -27,9 +31,9 @@ public:
     // Equal when the other part is a file part over the same path.
     bool gmock_equal(const RestIOPart& other, const std::string& from, const std::string& to) const override;
 
-    std::string m_path;  // UTF-8 bytes, handed to the file stream as they are
+    std::string m_path;  // UTF-8 bytes, handed to open(2) as they are
     bool m_done;
-    std::ifstream m_stream;
+    int m_fd = -1;
     size_t m_size;  // measured at construction
     size_t m_offset = 0;  // read position, so that reads stop at m_size
 

@@ -10,8 +10,9 @@ namespace OrvaneInternal {
 
 class ConnectRespMsg : public RespMsg {
 public:
-    // Parses at once: ServerException 300 for a reply that is not XML, 403
-    // for one with other elements. Missing attributes leave their field empty.
+    // Parses at once: ServerException 300 for a reply that is not XML or whose
+    // token or site id holds a control character, 403 for one with other
+    // elements. Missing attributes leave their field empty.
     explicit ConnectRespMsg(const std::string& reply);
     ~ConnectRespMsg() override = default;
 

@@ -1,49 +1,22 @@
 #include "server/PublishExtRespMsg.h"
 
-#include "server/ServerException.h"
 #include "server/XmlReplyParser.h"
-
-#include <cstring>
 
 namespace OrvaneInternal {
 
 namespace {
 
-bool Allowed(int32_t depth, const char* name)
-{
-    switch (depth) {
-    case 0:
-        return std::strcmp(name, "qsResponse") == 0;
-    case 1:
-        return std::strcmp(name, "datasource") == 0;
-    case 2:
-        return std::strcmp(name, "project") == 0 || std::strcmp(name, "owner") == 0 ||
-               std::strcmp(name, "tags") == 0;
-    case 3:
-        return std::strcmp(name, "tag") == 0;
-    default:
-        return false;
-    }
-}
-
-void StartElement(void* userData, const char* name, const char**)
-{
-    auto& message = *static_cast<PublishExtRespMsg*>(userData);
-    if (!Allowed(message.m_depth, name))
-        throw ServerException(ServerException::UnexpectedResponse);
-    ++message.m_depth;
-}
-
-void EndElement(void* userData, const char*)
-{
-    --static_cast<PublishExtRespMsg*>(userData)->m_depth;
-}
+// Checked for shape only: nothing of the reply is kept.
+const XmlElement<PublishExtRespMsg> kShape[] = {
+    {0, "qsResponse", nullptr}, {1, "datasource", nullptr}, {2, "project", nullptr},
+    {2, "owner", nullptr},      {2, "tags", nullptr},       {3, "tag", nullptr},
+};
 
 }  // namespace
 
 PublishExtRespMsg::PublishExtRespMsg(const std::string& reply)
 {
-    XmlReplyParser::Parse(reply, this, &StartElement, &EndElement);
+    XmlReplyParser::Parse(reply, *this, kShape);
 }
 
 }  // namespace OrvaneInternal

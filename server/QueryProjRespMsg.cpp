@@ -1,6 +1,5 @@
 #include "server/QueryProjRespMsg.h"
 
-#include "server/ServerException.h"
 #include "server/XmlReplyParser.h"
 
 #include <cstring>
@@ -37,41 +36,18 @@ void ReadProject(QueryProjRespMsg& message, const char** attributes)
         message.m_projects.insert_or_assign(std::move(name), std::move(id));
 }
 
-void StartElement(void* userData, const char* name, const char** attributes)
-{
-    auto& message = *static_cast<QueryProjRespMsg*>(userData);
-    switch (message.m_depth) {
-    case 0:
-        if (std::strcmp(name, "qsResponse") != 0)
-            throw ServerException(ServerException::UnexpectedResponse);
-        break;
-    case 1:
-        if (std::strcmp(name, "pagination") == 0)
-            ReadPagination(message, attributes);
-        else if (std::strcmp(name, "projects") != 0)
-            throw ServerException(ServerException::UnexpectedResponse);
-        break;
-    case 2:
-        if (std::strcmp(name, "project") != 0)
-            throw ServerException(ServerException::UnexpectedResponse);
-        ReadProject(message, attributes);
-        break;
-    default:
-        throw ServerException(ServerException::UnexpectedResponse);
-    }
-    ++message.m_depth;
-}
-
-void EndElement(void* userData, const char*)
-{
-    --static_cast<QueryProjRespMsg*>(userData)->m_depth;
-}
+const XmlElement<QueryProjRespMsg> kShape[] = {
+    {0, "qsResponse", nullptr},
+    {1, "pagination", &ReadPagination},
+    {1, "projects", nullptr},
+    {2, "project", &ReadProject},
+};
 
 }  // namespace
 
 QueryProjRespMsg::QueryProjRespMsg(const std::string& reply)
 {
-    XmlReplyParser::Parse(reply, this, &StartElement, &EndElement);
+    XmlReplyParser::Parse(reply, *this, kShape);
 }
 
 }  // namespace OrvaneInternal

@@ -4,7 +4,9 @@
 #include "network/CurlNetworkException.h"
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
+#include "network/TransferOptions.h"
 #include "rest/BufferReply.h"
+#include "server/CurlErrorLog.h"
 #include "server/ConnectReqMsg.h"
 #include "server/ConnectRespMsg.h"
 #include "server/MessageConversion.h"
@@ -13,6 +15,7 @@
 #include "server/QueryProjReqMsg.h"
 #include "server/QueryProjRespMsg.h"
 #include "server/ServerException.h"
+#include "server/ServerReason.h"
 #include "sys/Errors.h"
 #include "sys/Path.h"
 #include "sys/Unicode.h"
@@ -38,6 +41,8 @@ ServerConnection::ServerConnection() : m_network(NetworkFactory::Create())
     // (and releases) one too.
     if (!s_initialized)
         throw ServerException(ServerException::NotInitialized, L"Initialize() must be called before any other use.");
+    m_options = std::make_shared<TransferOptions>();
+    m_network->SetTransferOptions(m_options);
 }
 
 ServerConnection::~ServerConnection()
@@ -71,19 +76,26 @@ std::string ServerConnection::Send(const ReqMsg& message)
     if (!request)  // a message of kind None has nothing to send
         ThrowLogicError(QRX_Status::InvalidArgument, "request message converts to no HTTP request");
     auto reply = std::make_shared<BufferReply>();
+    WatchBody(*request);
     try {
         m_network->Send(*request, *reply);
+    } catch (const TransferStopped& e) {
+        const bool cancelled = e.GetReason() == TransferStopped::Cancelled;
+        const std::wstring text = Unicode::ToWideChar(e.what()).str();
+        Log(text);
+        throw ServerException(cancelled ? ServerException::Cancelled : ServerException::TimedOut, text);
     } catch (const CurlNetworkException& e) {
-        RefCntPtr<Logger> logger = Logger::Get();
-        logger->QueueMessage(std::string("Curl Error:"));
-        logger->QueueMessage(std::string(e.what()));
+        LogCurlError(e);
         throw ServerException(ServerException::NetworkFailure, Unicode::ToWideChar(e.what()).str());
     }
     std::string body = ConvertRestReply(*reply, message.m_repType);
+    m_lastStatus = reply->m_status;
     // Unsigned on purpose: 0 and negative statuses fail too.
     if (static_cast<uint64_t>(reply->m_status) - 200 <= 99)
         return body;
-    // The caller sees the status only; the server's explanation goes to the log.
+    // The last error names the status only; the server's explanation goes to
+    // the log, and to the caller only through the reason getter.
+    m_lastReason = ServerReason(body);
     const std::wstring text = L"Server Response Code: " + std::to_wstring(static_cast<int32_t>(reply->m_status));
     RefCntPtr<Logger> logger = Logger::Get();
     logger->QueueMessage(text);
@@ -94,6 +106,7 @@ std::string ServerConnection::Send(const ReqMsg& message)
 void ServerConnection::Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
                                const std::wstring& siteId)
 {
+    const CallScope call(*this);
     if (m_connected) {
         Log(L"About to disconnect: " + m_host);
         Disconnect();
@@ -138,6 +151,7 @@ bool ServerConnection::QueryProjects(unsigned long pageNumber,
 void ServerConnection::PublishExtract(const std::wstring& path, const std::wstring& projectName,
                                       const std::wstring& datasourceName, bool overwrite)
 {
+    const CallScope call(*this);
     // One message for all three checks, so the caller cannot tell a wrong
     // extension from a missing file. Only a regular file (or a link to one)
     // counts: a directory would be measured at an absurd size, and opening a
@@ -148,22 +162,27 @@ void ServerConnection::PublishExtract(const std::wstring& path, const std::wstri
         throw ServerException(ServerException::InvalidPublishInput,
                               L"File \"" + path + L"\" is either invalid or doesn't exist");
 
+    const std::wstring projectId = FindProject(projectName);
+    Log(L"Publishing extract: " + path);
+    Log(L"Project name      : " + projectName);
+    Log(L"Data source name  : " + datasourceName);
+    PublishExtractInternal(path, projectId, datasourceName, overwrite);
+}
+
+std::wstring ServerConnection::FindProject(const std::wstring& projectName)
+{
     Log(L"Querying projects...");
     std::unordered_map<std::wstring, std::wstring> projects(10);
     // Stops at the first page that names the project; later pages are never read.
     for (unsigned long page = 1;; ++page) {
         const bool last = QueryProjects(page, projects);
-        if (projects.find(projectName) != projects.end())
-            break;
+        const auto found = projects.find(projectName);
+        if (found != projects.end())
+            return found->second;
         if (last)
             throw ServerException(ServerException::InvalidPublishInput,
                                   L"Project \"" + projectName + L"\" doesn't exist on server");
     }
-
-    Log(L"Publishing extract: " + path);
-    Log(L"Project name      : " + projectName);
-    Log(L"Data source name  : " + datasourceName);
-    PublishExtractInternal(path, projects[projectName], datasourceName, overwrite);
 }
 
 void ServerConnection::PublishExtractInternal(const std::wstring& path, const std::wstring& projectId,

@@ -4,6 +4,7 @@
 #include "logging/Logger.h"
 #include "network/CurlNetworkException.h"
 #include "network/CurlNetworkStatic.h"
+#include "server/CurlErrorLog.h"
 #include "server/ServerException.h"
 
 namespace OrvaneInternal {
@@ -18,9 +19,7 @@ void ServerConnection::Init()
         CurlNetworkStatic::CurlInit();
         s_initialized = true;
     } catch (const CurlNetworkException& e) {
-        RefCntPtr<Logger> logger = Logger::Get();
-        logger->QueueMessage(std::string("Curl Error:"));
-        logger->QueueMessage(std::string(e.what()));
+        LogCurlError(e);
         throw ServerException(ServerException::NetworkFailure, L"Curl failed global initialization");
     }
 }

@@ -20,6 +20,8 @@ public:
         NotConnected = 402,         // operation needs a signed-in session
         UnexpectedResponse = 403,   // reply has elements the operation does not expect (empty message)
         NotInitialized = 404,       // session made before library start-up
+        Cancelled = 500,            // the caller cancelled the call (extension API)
+        TimedOut = 501,             // a time limit the caller set fired (extension API)
     };
 
     explicit ServerException(ErrorCode code) : m_errorCode(code) {}

@@ -16,8 +16,8 @@ namespace {
 struct ParseContext {
     XML_Parser parser;
     void* userData;
-    XmlReplyParser::StartHandler start;
-    XmlReplyParser::EndHandler end;
+    void (*start)(void* userData, const char* name, const char** attributes);
+    void (*end)(void* userData, const char* name);
     std::exception_ptr error;
 };
 

@@ -4,11 +4,12 @@
 # build-bench, then runs every benchmark beside its reference in alternating
 # runs against its own nginx on a free loopback port, prints the table of
 # medians, spreads and ratios, and puts it with the machine's description into
-# bench/RESULTS.md (only after a full run). Takes a few minutes; needs about
-# 2.5 GiB free in $TMPDIR (or /tmp).
+# bench/RESULTS.md (only after a full run with --profile, which adds
+# callgrind's counts of the lookup; --profile-dir keeps its files). Takes a few
+# minutes; needs about 2.5 GiB free in $TMPDIR (or /tmp).
 #
-# Usage: tools/bench.sh [--runs N] [--only upload,memory,lookup,logging,startup]
-#                       [--quick] [--no-profile] [--profile-dir DIR]
+# Usage: tools/bench.sh [--runs N] [--only upload,extension,memory,lookup,logging,startup]
+#                       [--quick] [--profile] [--profile-dir DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build-bench

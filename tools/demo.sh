@@ -10,19 +10,13 @@ bash tools/install-deps.sh
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)" --target orvane-publish >/dev/null
 
-work=$(mktemp -d /tmp/orvane-demo.XXXXXX)
 source tools/reference-server.sh
-cleanup() {
-  stop_reference_server
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-start_reference_server "$work"
+start_reference_server /tmp/orvane-demo
 echo "Reference server listening on $server (user demo, project \"Samples\" on page 3 of its projects)"
 
-# A sample extract: 4 MiB of data under the .qrx name the server expects.
-head -c 4194304 /dev/urandom > "$work/sales.qrx"
+# A sample extract: 256 MiB of data under the .qrx name the server expects,
+# large enough for the progress meter to show on a terminal.
+head -c 268435456 /dev/urandom > "$work/sales.qrx"
 echo "Publishing $work/sales.qrx ($(stat -c %s "$work/sales.qrx") bytes, sha256 $(sha256sum "$work/sales.qrx" | cut -c1-16)...)"
 echo
 ORVANE_PASSWORD=demo-password ORV_SDK_LOGDIR="$work" \
@@ -30,7 +24,7 @@ ORVANE_PASSWORD=demo-password ORV_SDK_LOGDIR="$work" \
 
 echo
 echo "The server now holds (project, name, size, sha256, site):"
-python3 tools/orvane-reference-server --list --data-dir "$work/data"
+published
 echo
 echo "The library's log ($work/OrvaneSDKServer.log):"
 sed 's/^/  /' "$work/OrvaneSDKServer.log"

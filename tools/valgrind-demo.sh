@@ -15,15 +15,8 @@ bash tools/install-deps.sh --valgrind
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j2 --target orvane-publish >/dev/null
 
-work=$(mktemp -d /tmp/orvane-valgrind.XXXXXX)
 source tools/reference-server.sh
-cleanup() {
-  stop_reference_server
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
-start_reference_server "$work"
+start_reference_server /tmp/orvane-valgrind
 
 for name in sales stock returns; do head -c 262144 /dev/urandom > "$work/$name.qrx"; done
 
@@ -62,8 +55,8 @@ run refused-connection 1 demo-password --server "http://127.0.0.1:1" --user demo
 
 echo
 echo "The server holds (project, name, size, sha256, site):"
-python3 tools/orvane-reference-server --list --data-dir "$work/data" | sed 's/^/   /'
-[ "$(python3 tools/orvane-reference-server --list --data-dir "$work/data" | wc -l)" -eq 3 ] || failed=1
+published | sed 's/^/   /'
+[ "$(published | wc -l)" -eq 3 ] || failed=1
 
 if [ "$failed" -ne 0 ]; then
   echo "valgrind-demo: FAILED" >&2

@@ -1,12 +1,13 @@
-// Small helpers shared by the benchmark programs: clocks, CPU time, peak
-// memory, UTF-16 for the C API, and one "key=value" line per figure on stdout
-// so that tools/bench.sh can collect the figures of every run.
+// Helpers shared by the benchmark programs: clocks, /proc figures, UTF-16 for
+// the C API, and one "key=value" line per figure on stdout, which
+// bench/common/bench_driver.py collects.
 #pragma once
 
 #include <time.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace OrvaneBench {
@@ -14,10 +15,7 @@ namespace OrvaneBench {
 using Utf16 = std::basic_string<unsigned short>;
 
 // The benchmarks pass ASCII only (URLs, names, temp paths).
-inline Utf16 ToUtf16(const std::string& ascii)
-{
-    return Utf16(ascii.begin(), ascii.end());
-}
+inline Utf16 ToUtf16(const std::string& ascii) { return Utf16(ascii.begin(), ascii.end()); }
 
 inline double Seconds(clockid_t clock)
 {
@@ -31,48 +29,40 @@ inline double WallSeconds() { return Seconds(CLOCK_MONOTONIC); }
 inline double ProcessCpuSeconds() { return Seconds(CLOCK_PROCESS_CPUTIME_ID); }
 inline double ThreadCpuSeconds() { return Seconds(CLOCK_THREAD_CPUTIME_ID); }
 
-// Peak resident set of this process image so far, in KiB: VmHWM, the high
-// water mark of the address space made at exec. getrusage's ru_maxrss would
-// not do: Linux carries the forking parent's peak over into it.
-inline long PeakRssKiB()
+// The number after `key` in /proc/self/`file`, -1 when there is none. Used for
+// VmHWM (status), the peak resident set of this process image (getrusage's
+// ru_maxrss would carry over the forking parent's peak), and rchar (io), the
+// bytes read through system calls, sockets and files alike.
+inline long ProcSelf(const char* file, const char* key)
 {
-    long kib = -1;
-    if (FILE* status = std::fopen("/proc/self/status", "r")) {
+    long value = -1;
+    if (FILE* in = std::fopen((std::string("/proc/self/") + file).c_str(), "r")) {
         char line[256];
-        while (std::fgets(line, sizeof line, status)) {
-            if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1)
-                break;
+        while (value < 0 && std::fgets(line, sizeof line, in)) {
+            if (std::strncmp(line, key, std::strlen(key)) == 0)
+                value = std::strtol(line + std::strlen(key), nullptr, 10);
         }
-        std::fclose(status);
+        std::fclose(in);
     }
-    return kib;
+    return value;
 }
 
-// Bytes this process has read and written through system calls so far
-// (/proc/self/io rchar and wchar; sockets and files alike), -1 when unknown.
-inline void IoBytes(long& read, long& written)
-{
-    read = written = -1;
-    if (FILE* io = std::fopen("/proc/self/io", "r")) {
-        char key[32];
-        long value = 0;
-        while (std::fscanf(io, "%31[^:]: %ld\n", key, &value) == 2) {
-            if (std::string(key) == "rchar")
-                read = value;
-            else if (std::string(key) == "wchar")
-                written = value;
-        }
-        std::fclose(io);
-    }
-}
-
-inline void Report(const char* key, double value) { std::printf("%s=%.9g\n", key, value); }
-inline void Report(const char* key, long value) { std::printf("%s=%ld\n", key, value); }
+inline void Report(const std::string& key, double value) { std::printf("%s=%.9g\n", key.c_str(), value); }
+inline void Report(const std::string& key, long value) { std::printf("%s=%ld\n", key.c_str(), value); }
 
 [[noreturn]] inline void Fail(const std::string& what)
 {
     std::fprintf(stderr, "bench: %s\n", what.c_str());
     std::exit(1);
+}
+
+// Positional argument i as a number in [low, high], `fallback` when absent.
+inline int Number(int argc, char** argv, int i, int fallback, int low, int high)
+{
+    const int value = i < argc ? std::atoi(argv[i]) : fallback;
+    if (value < low || value > high)
+        Fail(std::string(argv[0]) + ": argument " + std::to_string(i) + " out of range");
+    return value;
 }
 
 }  // namespace OrvaneBench

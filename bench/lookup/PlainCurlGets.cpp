@@ -1,16 +1,12 @@
-// The reference for the project lookup: the same page GETs the library makes
-// while it looks a project up (same URLs, same two header lines, a fresh easy
-// handle each), with plain libcurl, the reply bodies counted and dropped, and
-// nothing parsed. Reports wall and CPU time per round of `--pages` GETs.
+// The reference for the project lookup: the page GETs the library makes while
+// it looks a project up (same URLs, same two header lines, a fresh easy handle
+// each) with plain libcurl, the reply bodies counted and dropped, nothing
+// parsed. Reports wall and CPU time per round of PAGES GETs.
 //
-// Usage: lookup_plain_curl --url-prefix URL --pages N --token T [--rounds R]
-// where the page number is appended to URL. Prints key=value lines.
+// Usage: lookup_plain_curl URL-PREFIX PAGES TOKEN [ROUNDS]   (the page number is appended to URL-PREFIX)
 #include "bench/common/BenchSupport.h"
 
 #include <curl/curl.h>
-
-#include <cstring>
-#include <string>
 
 using namespace OrvaneBench;
 
@@ -34,13 +30,13 @@ size_t Get(const std::string& url, curl_slist* headers)
     if (handle == nullptr)
         Fail("curl_easy_init failed");
     size_t bytes = 0;
+    long status = 0;
     Check(curl_easy_setopt(handle, CURLOPT_URL, url.c_str()), "CURLOPT_URL");
     Check(curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L), "CURLOPT_HTTPGET");
     Check(curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Discard), "CURLOPT_WRITEFUNCTION");
     Check(curl_easy_setopt(handle, CURLOPT_WRITEDATA, static_cast<void*>(&bytes)), "CURLOPT_WRITEDATA");
     Check(curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers), "CURLOPT_HTTPHEADER");
     Check(curl_easy_perform(handle), "curl_easy_perform");
-    long status = 0;
     Check(curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status), "CURLINFO_RESPONSE_CODE");
     curl_easy_cleanup(handle);
     if (status != 200 || bytes == 0)
@@ -62,38 +58,23 @@ __attribute__((noinline)) size_t RunPages(const std::string& prefix, int pages, 
 
 int main(int argc, char** argv)
 {
-    std::string prefix;
-    std::string token;
-    int pages = 0;
-    int rounds = 1;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--url-prefix") == 0)
-            prefix = argv[i + 1];
-        else if (std::strcmp(argv[i], "--token") == 0)
-            token = argv[i + 1];
-        else if (std::strcmp(argv[i], "--pages") == 0)
-            pages = std::atoi(argv[i + 1]);
-        else if (std::strcmp(argv[i], "--rounds") == 0)
-            rounds = std::atoi(argv[i + 1]);
-        else
-            Fail(std::string("unknown option ") + argv[i]);
-    }
-    if (prefix.empty() || pages < 1 || pages > 100000 || rounds < 1 || rounds > 1000)
-        Fail("usage: lookup_plain_curl --url-prefix URL --pages 1..100000 --token T [--rounds 1..1000]");
-
+    if (argc < 4)
+        Fail("usage: lookup_plain_curl URL-PREFIX PAGES TOKEN [ROUNDS]");
+    const int pages = Number(argc, argv, 2, 0, 1, 100000);
+    const int rounds = Number(argc, argv, 4, 1, 1, 1000);
     Check(curl_global_init(CURL_GLOBAL_ALL), "curl_global_init");
     curl_slist* headers = curl_slist_append(nullptr, "Content-Type: ");
-    headers = curl_slist_append(headers, ("X-Orvane-Auth: " + token).c_str());
+    headers = curl_slist_append(headers, (std::string("X-Orvane-Auth: ") + argv[3]).c_str());
     if (headers == nullptr)
         Fail("curl_slist_append failed");
     for (int round = 0; round < rounds; ++round) {
         const double wall = WallSeconds();
         const double cpu = ProcessCpuSeconds();
-        const size_t bytes = RunPages(prefix, pages, headers);
+        const size_t bytes = RunPages(argv[1], pages, headers);
         const std::string suffix = "_" + std::to_string(round);
-        Report(("gets_wall_s" + suffix).c_str(), WallSeconds() - wall);
-        Report(("gets_cpu_s" + suffix).c_str(), ProcessCpuSeconds() - cpu);
-        Report(("gets_bytes" + suffix).c_str(), static_cast<long>(bytes));
+        Report("gets_wall_s" + suffix, WallSeconds() - wall);
+        Report("gets_cpu_s" + suffix, ProcessCpuSeconds() - cpu);
+        Report("gets_bytes" + suffix, static_cast<long>(bytes));
     }
     curl_slist_free_all(headers);
     curl_global_cleanup();

@@ -1,18 +1,14 @@
-// Publishes one extract through the exported C API, as a user program would,
-// and reports what the publish call cost: wall time, CPU time of the whole
-// process (the log writer included) and of the calling thread, and at the end
-// the process's peak resident set and the bytes it has read and written
-// (which show that the whole file went out). Start-up and sign-in are outside the timed
-// call. Used by tools/bench.sh for the upload, memory and lookup figures.
+// Publishes one extract through the exported C API, as a user program would, and reports what each
+// publish call cost: wall time, CPU time of the whole process (the log writer included) and the bytes
+// read meanwhile, which show that the whole file went out (libcurl asks for the next chunk only once
+// the last one is sent); at the end, the peak resident set. Start-up and sign-in are not timed.
 //
-// Usage: publish_bench --server URL --project NAME --file PATH.qrx [--rounds N]
-// Prints key=value lines; round i's figures carry the suffix _i.
+// Usage: publish_bench URL PROJECT FILE.qrx [ROUNDS] [MODE]   round i's figures carry the suffix _i.
+// MODE: plain (no extension call), limits (progress, cancel and every limit set) or buffer512k.
 #include "bench/common/BenchSupport.h"
 
-#include <orvane/OrvaneServer.h>
+#include <orvane/OrvaneServerExt.h>
 
-#include <cstring>
-#include <string>
 
 using namespace OrvaneBench;
 
@@ -27,63 +23,57 @@ void Check(const char* step, ORV_RESULT rc)
     }
 }
 
+int CountProgress(void* calls, uint64_t, uint64_t)
+{
+    ++*static_cast<uint64_t*>(calls);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    std::string server;
-    std::string project;
-    std::string file;
-    int rounds = 1;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--server") == 0)
-            server = argv[i + 1];
-        else if (std::strcmp(argv[i], "--project") == 0)
-            project = argv[i + 1];
-        else if (std::strcmp(argv[i], "--file") == 0)
-            file = argv[i + 1];
-        else if (std::strcmp(argv[i], "--rounds") == 0)
-            rounds = std::atoi(argv[i + 1]);
-        else
-            Fail(std::string("unknown option ") + argv[i]);
-    }
-    if (server.empty() || project.empty() || file.empty() || rounds < 1 || rounds > 1000)
-        Fail("usage: publish_bench --server URL --project NAME --file PATH.qrx [--rounds 1..1000]");
-
-    const Utf16 host = ToUtf16(server);
-    const Utf16 user = ToUtf16("bench");
-    const Utf16 password = ToUtf16("bench-password");
-    const Utf16 site = ToUtf16("bench");
-    const Utf16 projectName = ToUtf16(project);
-    const Utf16 path = ToUtf16(file);
+    if (argc < 4)
+        Fail("usage: publish_bench URL PROJECT FILE.qrx [ROUNDS] [MODE]");
+    const int rounds = Number(argc, argv, 4, 1, 1, 1000);
+    const Utf16 server = ToUtf16(argv[1]), project = ToUtf16(argv[2]), path = ToUtf16(argv[3]);
+    const Utf16 user = ToUtf16("bench"), password = ToUtf16("bench-password"), site = ToUtf16("bench");
     const Utf16 name = ToUtf16("bench-extract");
 
     Check("OrvServerAPIInitialize", OrvServerAPIInitialize());
     void* connection = nullptr;
     Check("OrvServerConnectionCreate", OrvServerConnectionCreate(&connection));
     Check("OrvServerConnectionConnect",
-          OrvServerConnectionConnect(connection, host.c_str(), user.c_str(), password.c_str(), site.c_str()));
+          OrvServerConnectionConnect(connection, server.c_str(), user.c_str(), password.c_str(), site.c_str()));
+    const char* mode = argc > 5 ? argv[5] : "plain";
+    uint64_t progressCalls = 0;
+    if (std::strcmp(mode, "limits") == 0) {
+        for (ORV_RESULT rc : {OrvServerConnectionSetProgressCallback(connection, CountProgress, &progressCalls),
+                              OrvServerConnectionEnableCancel(connection),
+                              OrvServerConnectionSetConnectTimeout(connection, 10),
+                              OrvServerConnectionSetStallTimeout(connection, 60),
+                              OrvServerConnectionSetMaxRedirects(connection, 5),
+                              OrvServerConnectionSetMaxReplySize(connection, 1 << 20)})
+            Check("an extension setter", rc);
+    } else if (std::strcmp(mode, "buffer512k") == 0) {
+        Check("OrvServerConnectionSetUploadBufferSize", OrvServerConnectionSetUploadBufferSize(connection, 512 << 10));
+    } else if (std::strcmp(mode, "plain") != 0) {
+        Fail("MODE is plain, limits or buffer512k");
+    }
     for (int round = 0; round < rounds; ++round) {
-        long readBefore = 0;
-        long writtenBefore = 0;
-        IoBytes(readBefore, writtenBefore);
+        const long read = ProcSelf("io", "rchar:");
         const double wall = WallSeconds();
         const double cpu = ProcessCpuSeconds();
-        const double threadCpu = ThreadCpuSeconds();
         Check("OrvServerConnectionPublishExtract",
-              OrvServerConnectionPublishExtract(connection, path.c_str(), projectName.c_str(), name.c_str(), 1));
+              OrvServerConnectionPublishExtract(connection, path.c_str(), project.c_str(), name.c_str(), 1));
         const std::string suffix = "_" + std::to_string(round);
-        Report(("publish_wall_s" + suffix).c_str(), WallSeconds() - wall);
-        Report(("publish_cpu_s" + suffix).c_str(), ProcessCpuSeconds() - cpu);
-        Report(("publish_thread_cpu_s" + suffix).c_str(), ThreadCpuSeconds() - threadCpu);
-        long readAfter = 0;
-        long writtenAfter = 0;
-        IoBytes(readAfter, writtenAfter);
-        Report(("publish_read_bytes" + suffix).c_str(), readAfter - readBefore);
-        Report(("publish_written_bytes" + suffix).c_str(), writtenAfter - writtenBefore);
+        Report("publish_wall_s" + suffix, WallSeconds() - wall);
+        Report("publish_cpu_s" + suffix, ProcessCpuSeconds() - cpu);
+        Report("publish_read_bytes" + suffix, ProcSelf("io", "rchar:") - read);
     }
     Check("OrvServerConnectionClose", OrvServerConnectionClose(connection));
     Check("OrvServerAPICleanup", OrvServerAPICleanup());
-    Report("peak_rss_kib", PeakRssKiB());
+    Report("peak_rss_kib", ProcSelf("status", "VmHWM:"));
+    Report("progress_calls", static_cast<double>(progressCalls));
     return 0;
 }

@@ -17,7 +17,8 @@
  * returns ORV_RESULT_Success (0) or an error code; on failure the text from
  * OrvGetLastErrorMessage() (this thread's) says what went wrong. Success
  * leaves the last error as it was. Every call blocks until the exchange with
- * the server ends; there are no time-outs.
+ * the server ends; there are no time-outs (OrvaneServerExt.h has opt-in
+ * time limits, progress and cancellation).
  *
  * Threads: a connection handle is used by one thread at a time and must not be
  * closed while another thread is inside a call on it. Different handles may be

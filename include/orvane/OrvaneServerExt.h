@@ -66,7 +66,8 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetProgressCallback(void* handle, O
 /* Prepares the handle so that OrvServerConnectionCancel stops a running call
  * within about a second, also while the server sends nothing. Without it (or
  * a progress callback, or a time limit) a cancel takes effect only when the
- * running call next reads its body or receives data. */
+ * running call next reads its upload body or starts its next exchange with
+ * the server. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionEnableCancel(void* handle);
 
 /* Asks the call running on `handle` (in another thread) to stop; that call
@@ -104,6 +105,13 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetCACertificates(void* handle, con
  * ORV_RESULT_InvalidArgument. Larger buffers move more bytes a second over
  * fast links. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetUploadBufferSize(void* handle, long bytes);
+
+/* Looks the project up as OrvServerConnectionPublishExtract does, without
+ * uploading anything: ORV_RESULT_Success when the signed-in site has a
+ * project of that name, ORV_SERVER_InvalidPublishInput (303) when it has
+ * none, ORV_SERVER_NotConnected (402) before Connect. For checking a publish
+ * in advance ("dry run"). */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* projectName);
 
 /* The HTTP status of the last reply the handle received in its last call
  * (0 when that call received none). Works on every handle. */

@@ -163,6 +163,8 @@ public:
     Response& AnswerBeforeBody() { return Set("read_body", "0"); }
     Response& ReadBodyBytes(std::uint64_t count) { return Set("read_body", std::to_string(count)); }
     Response& WithoutContinue() { return Set("continue", "\"skip\""); }
+    // Stops reading at `bytes` body bytes until TestHttpServer::ReleaseHolds() or `limitSeconds`.
+    Response& HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds = 30) { return Set("hold_at", std::to_string(bytes)).Set("hold_limit", std::to_string(limitSeconds)); }
     Response& CloseWithoutAnswer() { return Set("fault", "\"close\""); }
     Response& ResetWithoutAnswer() { return Set("fault", "\"reset\""); }
     Response& TruncateBody(std::size_t sentBytes) { return Set("fault", "\"truncate\"").Set("truncate_at", std::to_string(sentBytes)); }
@@ -185,6 +187,7 @@ private:
 // Routes: the first whose method (if any) and path ('?': the whole target) match answers in turn; no route: 404.
 class Script {
 public:
+    Script& On(const std::string& path, const Response& response) { return Sequence(path, {response}); }
     Script& On(const std::string& method, const std::string& path, const Response& response) { return Sequence(path, {response}, method); }
     Script& Sequence(const std::string& path, const std::vector<Response>& responses, const std::string& method = {})
     {
@@ -201,7 +204,7 @@ private:
 };
 
 struct RecordedRequest {  // one request as the test server received it
-    std::string method, target, body;  // body: only when loaded and stored
+    std::string method, target, head, body;  // head: request and header lines through the blank line
     std::vector<std::pair<std::string, std::string>> headers;  // arrival order
     bool bodyComplete = false, continueSent = false;
     std::uint64_t bodyLength = 0;
@@ -224,7 +227,7 @@ struct RecordedRequest {  // one request as the test server received it
         int complete = 0, continued = 0;
         meta >> r.status >> r.bodyLength >> complete >> continued >> r.bodySha256;
         r.bodyComplete = complete, r.continueSent = continued;
-        const auto lines = SplitLines(ReadFileBytes(stem + ".head"));
+        const auto lines = SplitLines(r.head = ReadFileBytes(stem + ".head"));
         std::istringstream(lines.at(0)) >> r.method >> r.target;
         for (std::size_t i = 1; i < lines.size() && !lines[i].empty(); ++i) {
             const std::size_t colon = lines[i].find(':'), start = lines[i].find_first_not_of(" \t", colon + 1);
@@ -263,6 +266,8 @@ public:
         return requests;
     }
     std::size_t RequestCount() const { return Requests(false).size(); }
+    bool WaitForHold() const { return WaitUntil([&] { return !ReadFileBytes(m_dir.File("held")).empty(); }); }
+    void ReleaseHolds() const { WriteFileBytes(m_dir.File("release"), ""); }
     std::vector<RecordedRequest> WaitForRequests(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) const
     {
         return WaitUntil([&] { return RequestCount() >= count; }, limit), Requests();
@@ -410,6 +415,18 @@ inline std::vector<RecordedRequest> Uploads(std::vector<RecordedRequest> r)  // 
 {
     return r.erase(std::remove_if(r.begin(), r.end(), [](auto& q) { return q.method != "POST" || q.Path() == "/api/2.0/auth/signin"; }), r.end()), r;
 }
+// The upload body PublishScript's server expects around the file: data source `name` of project P1.
+inline std::pair<std::string, std::string> Framing(const std::string& boundary, const std::string& name, const std::string& path)
+{
+    return MultipartFraming(boundary, "<qsRequest><datasource name=\"" + name + "\" ><project id=\"P1\" /></datasource></qsRequest>", "orvane_datasource", path);
+}
+inline std::uint64_t BodyLength(const std::string& name, const std::string& path, std::uint64_t fileSize)
+{
+    const auto framing = Framing(std::string(40, '-'), name, path);
+    return framing.first.size() + fileSize + framing.second.size();
+}
+inline std::string BoundaryOf(const RecordedRequest& upload) { return upload.HeaderValue("Content-Type").value_or("").substr(26); }
+
 // Each test with its log in a scratch directory and no proxy; Start() starts the library.
 class LibraryTest : public ::testing::Test {
 protected:
@@ -430,4 +447,4 @@ protected:
 };
 
 }  // namespace OrvaneTest
-namespace CapiTest = OrvaneTest;
+namespace CapiTest { using namespace OrvaneTest; }  // the exported-API tests' namespace

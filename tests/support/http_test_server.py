@@ -4,7 +4,7 @@ TestSupport.h) write DIR/script.json. Usage: http_test_server.py DIR OPENSSL|"" 
 With OPENSSL it serves TLS with a self-signed DIR/cert.pem. Writes DIR/port once listening and records
 request N as DIR/N.head, DIR/N.body and DIR/N.meta ("status length complete continued sha256", last).
 """
-import hashlib, http, json, os, signal, socket, socketserver, ssl, subprocess, sys, threading
+import hashlib, http, json, os, signal, socket, socketserver, ssl, subprocess, sys, threading, time
 from base64 import b64encode
 
 DIR, OPENSSL, STORE = sys.argv[1], sys.argv[2], sys.argv[3] == "1"
@@ -68,11 +68,18 @@ class Handler(socketserver.BaseRequestHandler):
         continued = headers.get("expect", "").lower() == "100-continue" and limit > 0 and step.get("continue") != "skip"
         if continued:
             self.sock.sendall(b"HTTP/1.1 100 Continue\r\n\r\n")
-        got, digest, view = 0, hashlib.sha256(), memoryview(bytearray(1 << 20))
+        got, digest, view, hold_at = 0, hashlib.sha256(), memoryview(bytearray(1 << 20)), step.get("hold_at", -1)
         with open(path("%d.body" % number), "wb") if STORE else open(os.devnull, "wb") as body:
             try:
                 while got < limit:
-                    n = self.rfile.readinto1(view[:min(limit - got, 1 << 20)])
+                    if got == hold_at:  # stop reading until DIR/release exists or hold_limit passes
+                        open(path("held"), "a").write("%d\n" % number)
+                        for _ in range(int(step.get("hold_limit", 30) * 100)):
+                            if os.path.exists(path("release")):
+                                break
+                            time.sleep(0.01)
+                        hold_at = -1
+                    n = self.rfile.readinto1(view[:min(limit - got, 1 << 20, hold_at - got if got < hold_at else 1 << 20)])
                     if not n:
                         break
                     body.write(view[:n])

@@ -1,157 +1,129 @@
 // orvane-publish: publishes extract files to a data-publishing server from the
 // command line. Built only on the exported C API, like any user program.
-#include <orvane/OrvaneServer.h>
+//
+// Threads: the main thread signs in and publishes (with --jobs, one worker
+// thread and one session each); a monitor thread redraws the progress meter
+// and, when SIGINT or SIGTERM arrives through a self-pipe, cancels every
+// running call so that the workers return, sign out and the summary is printed.
+#include "Console.h"
+#include "Options.h"
+#include "Publisher.h"
+#include "Report.h"
+#include "Text.h"
 
-#include <algorithm>
+#include <orvane/OrvaneServerExt.h>
+
 #include <atomic>
-#include <chrono>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
-#include <mutex>
-#include <string>
+#include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <set>
 #include <sys/stat.h>
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
+
+using namespace orvpub;
 
 namespace {
 
-const char kUsage[] =
-    "Usage: orvane-publish --server URL --user NAME --project NAME [options] FILE.qrx...\n"
-    "\n"
-    "Publishes each extract file into a project of a data-publishing server as a\n"
-    "data source named after the file (sales.qrx -> \"sales\").\n"
-    "\n"
-    "Options:\n"
-    "  -s, --server URL        server base URL, e.g. https://publish.example.com\n"
-    "  -u, --user NAME         user to sign in as\n"
-    "      --site SITE         site content URL (default: the default site, \"\")\n"
-    "  -p, --project NAME      project to publish into (exact, case-sensitive)\n"
-    "  -n, --name NAME         data source name (one file only; default: the file's stem)\n"
-    "  -o, --overwrite         replace data sources that already exist\n"
-    "  -j, --jobs N            publish N files at once, one session each (default 1)\n"
-    "      --proxy-user NAME   user for the system proxy\n"
-    "  -h, --help              show this text\n"
-    "\n"
-    "Secrets never go on the command line:\n"
-    "  ORVANE_PASSWORD         the user's password (else asked for without echo)\n"
-    "  ORVANE_PROXY_PASSWORD   the proxy user's password (else asked for without echo)\n"
-    "The system proxy comes from http_proxy / https_proxy / no_proxy. The library's\n"
-    "log goes to OrvaneSDKServer.log in $ORV_SDK_LOGDIR (else the current directory).\n"
-    "\n"
-    "Exit status: 0 when every file was published, 1 when any failed, 2 on usage errors.\n";
+int g_pipe[2] = {-1, -1};              // signal handler -> monitor thread
+volatile sig_atomic_t g_signal = 0;    // the first SIGINT/SIGTERM
+volatile sig_atomic_t g_promptFd = -1; // the terminal while a prompt has echo off
+termios g_promptSaved{};
 
-using Utf16 = std::basic_string<unsigned short>;
-
-// UTF-8 to UTF-16; false for bytes that are not UTF-8.
-bool ToUtf16(const std::string& in, Utf16& out)
+void OnSignal(int signal)
 {
-    out.clear();
-    for (size_t i = 0; i < in.size();) {
-        const unsigned char c = static_cast<unsigned char>(in[i]);
-        unsigned long cp = 0;
-        size_t extra = 0;
-        if (c < 0x80) {
-            cp = c;
-        } else if ((c & 0xE0) == 0xC0) {
-            cp = c & 0x1F;
-            extra = 1;
-        } else if ((c & 0xF0) == 0xE0) {
-            cp = c & 0x0F;
-            extra = 2;
-        } else if ((c & 0xF8) == 0xF0) {
-            cp = c & 0x07;
-            extra = 3;
-        } else {
-            return false;
-        }
-        if (i + extra >= in.size() && extra > 0)
-            return false;
-        for (size_t k = 1; k <= extra; ++k) {
-            const unsigned char next = static_cast<unsigned char>(in[i + k]);
-            if ((next & 0xC0) != 0x80)
-                return false;
-            cp = (cp << 6) | (next & 0x3F);
-        }
-        static const unsigned long kMin[] = {0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-            return false;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.push_back(static_cast<unsigned short>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<unsigned short>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.push_back(static_cast<unsigned short>(cp));
-        }
-        i += extra + 1;
+    const int savedErrno = errno;
+    if (g_promptFd >= 0) { // give the terminal its echo back before leaving
+        tcsetattr(g_promptFd, TCSANOW, &g_promptSaved);
+        (void)!write(g_promptFd, "\n", 1);
+        _exit(kExitInterrupted + signal);
     }
-    return true;
+    if (g_signal != 0) // a second one: the user insists
+        _exit(kExitInterrupted + signal);
+    g_signal = signal;
+    const char byte = static_cast<char>(signal);
+    (void)!write(g_pipe[1], &byte, 1);
+    errno = savedErrno;
 }
 
-std::string Narrow(const wchar_t* text)
+bool InstallSignals()
 {
-    std::string out;
-    for (; *text; ++text) {
-        const unsigned long cp = static_cast<unsigned long>(*text);
-        if (cp < 0x80) {
-            out += static_cast<char>(cp);
-        } else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
+    if (pipe2(g_pipe, O_CLOEXEC) != 0)
+        return false;
+    fcntl(g_pipe[1], F_SETFL, O_NONBLOCK);
+    struct sigaction action {};
+    action.sa_handler = OnSignal;
+    sigemptyset(&action.sa_mask);
+    return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
+}
+
+// Redraws the meter five times a second; on a signal cancels everything.
+void Monitor(Console& console, Cancels& cancels)
+{
+    for (;;) {
+        pollfd wait{g_pipe[0], POLLIN, 0};
+        if (poll(&wait, 1, 200) > 0) {
+            char byte = 0;
+            if (read(g_pipe[0], &byte, 1) == 1 && byte == 0)
+                return; // the main thread is done
+            cancels.CancelAll();
         }
+        console.Draw();
     }
-    return out;
 }
 
-std::string LastError()
+std::string Chomp(std::string line)
 {
-    return Narrow(OrvGetLastErrorMessage());
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+        line.pop_back();
+    return line;
 }
 
-// Reads a secret from the environment, else from the terminal without echo.
-bool Secret(const char* variable, const std::string& prompt, std::string& value)
+// A secret from --password-stdin, the environment, else the terminal without echo.
+bool Secret(const char* variable, const std::string& prompt, bool fromStdin, std::string& value)
 {
+    if (fromStdin) {
+        char line[4096];
+        if (std::fgets(line, sizeof line, stdin) == nullptr)
+            return Usage("--password-stdin: no line on standard input"), false;
+        value = Chomp(line);
+        return true;
+    }
     if (const char* fromEnv = std::getenv(variable)) {
         value = fromEnv;
         return true;
     }
-    FILE* tty = std::fopen("/dev/tty", "r+");
-    if (tty == nullptr) {
-        std::fprintf(stderr, "orvane-publish: no terminal to ask for the %s; set %s\n", prompt.c_str(), variable);
-        return false;
-    }
+    const int tty = open("/dev/tty", O_RDWR | O_CLOEXEC);
     termios saved{};
-    const bool isTerminal = tcgetattr(fileno(tty), &saved) == 0;
-    if (isTerminal) {
-        termios quiet = saved;
-        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        tcsetattr(fileno(tty), TCSAFLUSH, &quiet);
+    if (tty < 0 || tcgetattr(tty, &saved) != 0) {
+        if (tty >= 0)
+            close(tty);
+        return Usage(Printf("no terminal to ask for the %s; set %s or use --password-stdin", prompt.c_str(), variable)),
+               false;
     }
-    std::fprintf(tty, "%s: ", prompt.c_str());
-    std::fflush(tty);
-    char line[1024];
-    const bool got = std::fgets(line, sizeof line, tty) != nullptr;
-    if (isTerminal)
-        tcsetattr(fileno(tty), TCSAFLUSH, &saved);
-    std::fprintf(tty, "\n");
-    std::fclose(tty);
-    if (!got)
-        return false;
-    value = line;
-    while (!value.empty() && (value.back() == '\n' || value.back() == '\r'))
-        value.pop_back();
+    g_promptSaved = saved;
+    termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    g_promptFd = tty;
+    tcsetattr(tty, TCSAFLUSH, &quiet);
+    const std::string ask = prompt + ": ";
+    (void)!write(tty, ask.data(), ask.size());
+    std::string line;
+    char ch;
+    while (read(tty, &ch, 1) == 1 && ch != '\n')
+        line += ch;
+    tcsetattr(tty, TCSAFLUSH, &saved);
+    g_promptFd = -1;
+    (void)!write(tty, "\n", 1);
+    close(tty);
+    value = Chomp(line);
     return true;
 }
 
@@ -160,208 +132,163 @@ std::string Stem(const std::string& path)
     const size_t slash = path.find_last_of('/');
     std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     const size_t dot = name.find_last_of('.');
-    if (dot != std::string::npos && dot > 0)
-        name.erase(dot);
-    return name;
+    return dot != std::string::npos && dot > 0 ? name.erase(dot) : name;
 }
 
-double Seconds(std::chrono::steady_clock::time_point since)
+// Checks every file before anything is sent; false after saying why.
+bool CheckFiles(const Options& o, std::vector<Job>& jobs)
 {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+    bool usable = true;
+    std::set<std::pair<dev_t, ino_t>> seen;
+    for (const std::string& file : o.files) {
+        struct stat st {};
+        std::string problem;
+        if (stat(file.c_str(), &st) != 0)
+            problem = std::strerror(errno);
+        else if (S_ISDIR(st.st_mode))
+            problem = "is a directory; name the .qrx files in it";
+        else if (file.size() < 4 || file.compare(file.size() - 4, 4, ".qrx") != 0)
+            problem = "is not a .qrx file (the extension is lower-case .qrx)";
+        else if (!S_ISREG(st.st_mode) || access(file.c_str(), R_OK) != 0)
+            problem = "cannot be read";
+        if (!problem.empty()) {
+            std::fprintf(stderr, "orvane-publish: %s: %s\n", file.c_str(), problem.c_str());
+            usable = false;
+            continue;
+        }
+        if (!seen.insert({st.st_dev, st.st_ino}).second) {
+            std::fprintf(stderr, "orvane-publish: warning: %s given more than once; published once\n", file.c_str());
+            continue;
+        }
+        Job job;
+        job.path = file;
+        job.name = o.name.empty() ? Stem(file) : o.name;
+        job.bytes = static_cast<uint64_t>(st.st_size);
+        if (!ToUtf16(file, job.path16) || !ToUtf16(job.name, job.name16))
+            return Usage("not UTF-8 text: " + file), false;
+        jobs.push_back(std::move(job));
+    }
+    return usable;
 }
 
-struct Options {
-    std::string server, user, site, project, name, proxyUser;
-    bool overwrite = false;
-    unsigned jobs = 1;
-    std::vector<std::string> files;
-};
-
-struct Job {
-    std::string path;
-    Utf16 path16, name16, display;
-};
-
-class Publisher {
-public:
-    Publisher(const Options& options, std::vector<Job>& jobs) : m_options(options), m_jobs(jobs) {}
-
-    // One session per worker; workers take the next file until none is left.
-    void Worker(const Utf16& server, const Utf16& user, const Utf16& password, const Utf16& site,
-                const Utf16& project, const Utf16* proxyUser, const Utf16* proxyPassword)
-    {
-        void* session = nullptr;
-        ORV_RESULT rc = OrvServerConnectionCreate(&session);
-        if (rc == ORV_RESULT_Success && proxyUser != nullptr)
-            rc = OrvServerConnectionSetProxyCredentials(session, proxyUser->c_str(), proxyPassword->c_str());
-        if (rc == ORV_RESULT_Success)
-            rc = OrvServerConnectionConnect(session, server.c_str(), user.c_str(), password.c_str(), site.c_str());
-        if (rc != ORV_RESULT_Success) {
-            Print("sign-in failed (code %d): %s\n", rc, LastError().c_str());
-            if (session != nullptr)
-                OrvServerConnectionClose(session);
-            return;
-        }
-        for (size_t i; (i = m_next++) < m_jobs.size();) {
-            const Job& job = m_jobs[i];
-            const auto start = std::chrono::steady_clock::now();
-            rc = OrvServerConnectionPublishExtract(session, job.path16.c_str(), project.c_str(), job.name16.c_str(),
-                                                   m_options.overwrite ? 1 : 0);
-            const double elapsed = Seconds(start);
-            if (rc == ORV_RESULT_Success) {
-                ++m_published;
-                struct stat st {};
-                const double mib = stat(job.path.c_str(), &st) == 0 ? st.st_size / 1048576.0 : 0.0;
-                Print("[%zu/%zu] %s -> %s/%s: published, %.1f MiB in %.2f s\n", i + 1, m_jobs.size(),
-                      job.path.c_str(), m_options.project.c_str(), Narrow16(job.name16).c_str(), mib, elapsed);
-            } else {
-                Print("[%zu/%zu] %s: FAILED after %.2f s (code %d): %s\n", i + 1, m_jobs.size(), job.path.c_str(),
-                      elapsed, rc, LastError().c_str());
-            }
-        }
-        OrvServerConnectionDisconnect(session);
-        OrvServerConnectionClose(session);
-    }
-
-    size_t Published() const { return m_published; }
-
-private:
-    template <class... Args>
-    void Print(const char* format, Args... args)
-    {
-        std::lock_guard<std::mutex> lock(m_printLock);
-        std::printf(format, args...);
-        std::fflush(stdout);
-    }
-
-    static std::string Narrow16(const Utf16& text)
-    {
-        std::wstring wide;
-        for (size_t i = 0; i < text.size(); ++i) {
-            unsigned long cp = text[i];
-            if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < text.size())
-                cp = 0x10000 + ((cp - 0xD800) << 10) + (text[++i] - 0xDC00);
-            wide += static_cast<wchar_t>(cp);
-        }
-        return Narrow(wide.c_str());
-    }
-
-    const Options& m_options;
-    std::vector<Job>& m_jobs;
-    std::atomic<size_t> m_next{0};
-    std::atomic<size_t> m_published{0};
-    std::mutex m_printLock;
-};
-
-int Usage(const char* problem)
+std::string LogPath()
 {
-    std::fprintf(stderr, "orvane-publish: %s\nTry 'orvane-publish --help'.\n", problem);
-    return 2;
+    const char* dir = std::getenv("ORV_SDK_LOGDIR");
+    std::string path = dir != nullptr && *dir ? dir : "";
+    if (path.empty()) {
+        char cwd[4096];
+        path = getcwd(cwd, sizeof cwd) != nullptr ? cwd : ".";
+    }
+    return path + "/OrvaneSDKServer.log";
 }
 
-}  // namespace
+// Publishes files until none is left or a signal came; one session per worker.
+void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancels, Console& console)
+{
+    const Options& o = *run.options;
+    Transfer transfer;
+    for (size_t i; !cancels.Interrupted() && (i = next++) < run.jobs.size();) {
+        Job& job = run.jobs[i];
+        const size_t slash = job.path.find_last_of('/');
+        transfer.label = slash == std::string::npos ? job.path : job.path.substr(slash + 1);
+        console.Start(transfer);
+        job.outcome = session.Publish(job.path, job.path16, job.name16, transfer);
+        console.Finish(transfer);
+        const Outcome& out = job.outcome;
+        if (out.kind == Kind::Published) {
+            console.Out(Printf("published %s -> %s/%s (%s in %.2f s, %s)", job.path.c_str(), o.project.c_str(),
+                               job.name.c_str(), FormatBytes(static_cast<double>(job.bytes)).c_str(), out.seconds,
+                               FormatRate(out.seconds > 0 ? job.bytes / out.seconds : 0).c_str()));
+        } else if (out.kind != Kind::Interrupted) {
+            console.Err(job.path + ": " + out.message);
+        }
+        if (o.verbose && out.kind != Kind::Published)
+            console.Err(Printf("%s: library result %d, HTTP status %ld, %d attempt(s): %s", job.path.c_str(), out.code,
+                               out.status, out.attempts, out.error.c_str()));
+    }
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
-    Options options;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        auto value = [&](std::string& target) {
-            if (i + 1 >= argc)
-                return false;
-            target = argv[++i];
-            return true;
-        };
-        if (arg == "-h" || arg == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (arg == "-s" || arg == "--server") {
-            if (!value(options.server))
-                return Usage("--server needs a URL");
-        } else if (arg == "-u" || arg == "--user") {
-            if (!value(options.user))
-                return Usage("--user needs a name");
-        } else if (arg == "--site") {
-            if (!value(options.site))
-                return Usage("--site needs a value");
-        } else if (arg == "-p" || arg == "--project") {
-            if (!value(options.project))
-                return Usage("--project needs a name");
-        } else if (arg == "-n" || arg == "--name") {
-            if (!value(options.name))
-                return Usage("--name needs a value");
-        } else if (arg == "--proxy-user") {
-            if (!value(options.proxyUser))
-                return Usage("--proxy-user needs a name");
-        } else if (arg == "-o" || arg == "--overwrite") {
-            options.overwrite = true;
-        } else if (arg == "-j" || arg == "--jobs") {
-            std::string jobs;
-            if (!value(jobs))
-                return Usage("--jobs needs a number");
-            char* end = nullptr;
-            const long n = std::strtol(jobs.c_str(), &end, 10);
-            if (*end != '\0' || n < 1 || n > 64)
-                return Usage("--jobs takes a number from 1 to 64");
-            options.jobs = static_cast<unsigned>(n);
-        } else if (arg == "--password" || arg.rfind("--password=", 0) == 0) {
-            return Usage("passwords are not taken from the command line; set ORVANE_PASSWORD");
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            return Usage(("unknown option " + arg).c_str());
-        } else {
-            options.files.push_back(arg);
-        }
-    }
-    if (options.server.empty() || options.user.empty() || options.project.empty())
-        return Usage("--server, --user and --project are required");
-    if (options.files.empty())
-        return Usage("no extract file given");
-    if (!options.name.empty() && options.files.size() > 1)
-        return Usage("--name applies to a single file");
+    Options o;
+    const int parsed = ParseOptions(argc, argv, o);
+    if (parsed >= 0)
+        return parsed;
+    Run run;
+    run.options = &o;
+    if (!CheckFiles(o, run.jobs))
+        return kExitUsage;
+    if (!InstallSignals())
+        return std::perror("orvane-publish: signals"), kExitOther;
 
-    Utf16 server, user, site, project, password16, proxyUser16, proxyPassword16;
-    if (!ToUtf16(options.server, server) || !ToUtf16(options.user, user) || !ToUtf16(options.site, site) ||
-        !ToUtf16(options.project, project) || !ToUtf16(options.proxyUser, proxyUser16))
-        return Usage("arguments must be UTF-8 text");
-    std::vector<Job> jobs;
-    for (const std::string& file : options.files) {
-        Job job;
-        job.path = file;
-        if (!ToUtf16(file, job.path16) || !ToUtf16(options.name.empty() ? Stem(file) : options.name, job.name16))
-            return Usage(("not UTF-8 text: " + file).c_str());
-        jobs.push_back(job);
-    }
-
+    Settings settings;
+    settings.options = &o;
     std::string password, proxyPassword;
-    if (!Secret("ORVANE_PASSWORD", "Password for " + options.user, password))
-        return 2;
-    if (!options.proxyUser.empty() &&
-        !Secret("ORVANE_PROXY_PASSWORD", "Proxy password for " + options.proxyUser, proxyPassword))
-        return 2;
-    if (!ToUtf16(password, password16) || !ToUtf16(proxyPassword, proxyPassword16))
-        return Usage("passwords must be UTF-8 text");
+    if (!Secret("ORVANE_PASSWORD", "Password for " + o.user, o.passwordStdin, password) ||
+        (!o.proxyUser.empty() &&
+         !Secret("ORVANE_PROXY_PASSWORD", "Proxy password for " + o.proxyUser, false, proxyPassword)))
+        return kExitUsage;
+    if (!ToUtf16(o.server, settings.server) || !ToUtf16(o.user, settings.user) || !ToUtf16(o.site, settings.site) ||
+        !ToUtf16(o.project, settings.project) || !ToUtf16(o.proxyUser, settings.proxyUser) ||
+        !ToUtf16(o.cacert, settings.cacert) || !ToUtf16(password, settings.password) ||
+        !ToUtf16(proxyPassword, settings.proxyPassword))
+        return Usage("arguments and passwords must be UTF-8 text");
 
-    ORV_RESULT rc = OrvServerAPIInitialize();
-    if (rc != ORV_RESULT_Success) {
-        std::fprintf(stderr, "orvane-publish: library start-up failed (code %d): %s\n", rc, LastError().c_str());
-        return 1;
+    // The meter only for a person watching; with several jobs one combined line.
+    Console console(!o.quiet && isatty(STDERR_FILENO), o.jobs > 1, !o.quiet && !o.json, run.jobs.size());
+    if (o.verbose)
+        console.Err("the library's log: " + LogPath());
+    if (OrvServerAPIInitialize() != ORV_RESULT_Success) {
+        console.Err("library start-up failed: " + Narrow(OrvGetLastErrorMessage()));
+        return kExitOther;
     }
+    Cancels cancels; // a signal that came before the monitor starts waits in the pipe
+    std::thread monitor(Monitor, std::ref(console), std::ref(cancels));
     const auto start = std::chrono::steady_clock::now();
-    Publisher publisher(options, jobs);
-    const unsigned workers = std::min<unsigned>(options.jobs, static_cast<unsigned>(jobs.size()));
-    const Utf16* proxyUser = options.proxyUser.empty() ? nullptr : &proxyUser16;
-    std::vector<std::thread> threads;
-    for (unsigned w = 0; w < workers; ++w)
-        threads.emplace_back([&] {
-            publisher.Worker(server, user, password16, site, project, proxyUser, &proxyPassword16);
-        });
-    for (auto& thread : threads)
-        thread.join();
+    {
+        // One sign-in first, so that a refusal is told once, not once per job.
+        Session first(settings, cancels, console);
+        run.signIn = first.SignIn();
+        if (run.signIn.kind != Kind::Published) {
+            if (run.signIn.kind == Kind::SignInRefused)
+                console.Err(run.signIn.message);
+            else if (run.signIn.kind != Kind::Interrupted)
+                console.Err("sign-in: " + run.signIn.message);
+            if (o.verbose)
+                console.Err(Printf("sign-in: library result %d, HTTP status %ld: %s", run.signIn.code,
+                                   run.signIn.status, run.signIn.error.c_str()));
+        } else if (o.dryRun) {
+            const Outcome checked = first.FindProject();
+            for (Job& job : run.jobs)
+                job.outcome = checked;
+            if (checked.kind != Kind::Checked && checked.kind != Kind::Interrupted)
+                console.Err(checked.message);
+        } else {
+            std::atomic<size_t> next{0};
+            std::vector<std::thread> workers;
+            const size_t extra = std::min<size_t>(static_cast<size_t>(o.jobs), run.jobs.size()) - 1;
+            for (size_t w = 0; w < extra; ++w)
+                workers.emplace_back([&] {
+                    Session session(settings, cancels, console);
+                    const Outcome signIn = session.SignIn();
+                    if (signIn.kind == Kind::Published)
+                        Work(session, run, next, cancels, console);
+                    else if (o.verbose)
+                        console.Err("an extra session could not sign in: " + signIn.message);
+                });
+            Work(first, run, next, cancels, console);
+            for (std::thread& worker : workers)
+                worker.join();
+        }
+    } // every session signed out and closed
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const char stop = 0;
+    (void)!write(g_pipe[1], &stop, 1);
+    monitor.join();
     OrvServerAPICleanup();
-
-    const size_t failed = jobs.size() - publisher.Published();
-    std::printf("%zu of %zu file%s published to %s, project \"%s\", in %.2f s%s\n", publisher.Published(),
-                jobs.size(), jobs.size() == 1 ? "" : "s", options.server.c_str(), options.project.c_str(),
-                Seconds(start), failed ? "; some failed (see above)" : "");
-    return failed == 0 ? 0 : 1;
+    run.signal = g_signal;
+    Summarize(run, console);
+    return ExitStatus(run);
 }

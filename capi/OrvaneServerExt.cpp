@@ -1,0 +1,143 @@
+// The exported extension functions of OrvaneServerExt.h, with the conventions
+// of OrvaneServer.cpp: argument checks first, then the handle, then the
+// session inside one handler. Setters only record a setting; the transfers of
+// later calls apply it.
+#include <orvane/OrvaneServerExt.h>
+
+#include "capi/ExportedCall.h"
+#include "capi/LibraryVersion.h"
+#include "network/TransferOptions.h"
+#include "server/ServerConnection.h"
+#include "server/ServerException.h"
+#include "sys/Unicode.h"
+
+#include <string>
+
+using OrvaneInternal::ServerConnection;
+using OrvaneInternal::ServerException;
+using OrvaneInternal::TransferOptions;
+using namespace OrvaneInternal::Exported;
+
+static_assert(ORV_VERSION_MAJOR == ORV_LIBRARY_VERSION_MAJOR && ORV_VERSION_MINOR == ORV_LIBRARY_VERSION_MINOR &&
+                  ORV_VERSION_PATCH == ORV_LIBRARY_VERSION_PATCH,
+              "OrvaneServerExt.h's version macros must match project(... VERSION) in CMakeLists.txt");
+static_assert(static_cast<int>(ORV_RESULT_Cancelled) == static_cast<int>(ServerException::Cancelled) &&
+                  static_cast<int>(ORV_RESULT_TimedOut) == static_cast<int>(ServerException::TimedOut),
+              "the extension result codes are ServerException's");
+
+namespace {
+
+constexpr long kSmallestUploadBuffer = 16 * 1024;        // libcurl's limits
+constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
+
+// The common shape of the functions below: a handle, then `change` applied to
+// its session.
+template <class Change>
+ORV_RESULT OnSession(void* handle, Change&& change)
+{
+    return Guarded([&] {
+        ServerConnection* session = Session(handle);
+        if (session == nullptr)
+            return ORV_RESULT_BadHandle;
+        change(*session);
+        return ORV_RESULT_Success;
+    });
+}
+
+bool OutOfRange(bool refused, const wchar_t* message)
+{
+    if (refused)
+        SetLastError(message);
+    return refused;
+}
+
+}  // namespace
+
+extern "C" {
+
+const char* OrvServerAPIGetVersion(void)
+{
+    return ORV_LIBRARY_VERSION;
+}
+
+ORV_RESULT OrvServerConnectionSetProgressCallback(void* handle, ORV_PROGRESS_CALLBACK callback, void* userData)
+{
+    return OnSession(handle, [&](ServerConnection& session) {
+        session.Options().m_progress = callback;
+        session.Options().m_progressData = callback != nullptr ? userData : nullptr;
+    });
+}
+
+ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* projectName)
+{
+    if (Missing(projectName, L"Invalid argument 'projectName'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) { session.CheckProject(Wide(projectName)); });
+}
+
+ORV_RESULT OrvServerConnectionEnableCancel(void* handle)
+{
+    return OnSession(handle, [](ServerConnection& session) { session.Options().m_cancelEnabled = true; });
+}
+
+ORV_RESULT OrvServerConnectionCancel(void* handle)
+{
+    return OnSession(handle, [](ServerConnection& session) { session.Cancel(); });
+}
+
+ORV_RESULT OrvServerConnectionSetConnectTimeout(void* handle, long seconds)
+{
+    if (OutOfRange(seconds < 0, L"Invalid argument 'seconds'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_connectTimeout = seconds; });
+}
+
+ORV_RESULT OrvServerConnectionSetStallTimeout(void* handle, long seconds)
+{
+    if (OutOfRange(seconds < 0, L"Invalid argument 'seconds'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_stallTimeout = seconds; });
+}
+
+ORV_RESULT OrvServerConnectionSetMaxRedirects(void* handle, long count)
+{
+    return OnSession(handle,
+                     [&](ServerConnection& session) { session.Options().m_maxRedirects = count < 0 ? -1 : count; });
+}
+
+ORV_RESULT OrvServerConnectionSetMaxReplySize(void* handle, uint64_t bytes)
+{
+    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_maxReplySize = bytes; });
+}
+
+ORV_RESULT OrvServerConnectionSetCACertificates(void* handle, const unsigned short* path)
+{
+    return OnSession(handle, [&](ServerConnection& session) {
+        session.Options().m_caPath = path != nullptr ? Unicode::ToUTF8(Wide(path)).str() : "";
+    });
+}
+
+ORV_RESULT OrvServerConnectionSetUploadBufferSize(void* handle, long bytes)
+{
+    if (OutOfRange(bytes != 0 && (bytes < kSmallestUploadBuffer || bytes > kLargestUploadBuffer),
+                   L"Invalid argument 'bytes'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_uploadBufferSize = bytes; });
+}
+
+ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* status)
+{
+    if (Missing(status, L"Invalid argument 'status'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle,
+                     [&](ServerConnection& session) { *status = static_cast<long>(session.GetLastStatus()); });
+}
+
+ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reason)
+{
+    if (Missing(reason, L"Invalid argument 'reason'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) { *reason = session.GetLastReason().c_str(); });
+}
+
+}  // extern "C"

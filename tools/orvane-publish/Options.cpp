@@ -1,0 +1,234 @@
+#include "Options.h"
+
+#include <orvane/OrvaneServerExt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <getopt.h>
+
+#ifndef ORVANE_PUBLISH_VERSION
+#define ORVANE_PUBLISH_VERSION "unknown"
+#endif
+
+namespace orvpub {
+namespace {
+
+const char kHelp[] = "Usage: orvane-publish --server URL --user NAME --project NAME [options]\n"
+                     "                      FILE.qrx...\n"
+                     "\n"
+                     "Publishes each extract file into a project of a data-publishing server as a\n"
+                     "data source named after the file (sales.qrx -> \"sales\").\n"
+                     "\n"
+                     "Options:\n"
+                     "  -s, --server URL      server base URL, e.g. https://publish.example.com\n"
+                     "  -u, --user NAME       user to sign in as\n"
+                     "      --site SITE       site content URL (default: the default site, \"\")\n"
+                     "  -p, --project NAME    project to publish into (exact, case-sensitive)\n"
+                     "  -n, --name NAME       data source name (one file only; default: its stem)\n"
+                     "  -o, --overwrite       replace data sources that already exist\n"
+                     "  -j, --jobs N          publish N files at once, one session each (1-64)\n"
+                     "      --retry N         try again up to N times after a transient failure\n"
+                     "                        (connection refused or reset, time-out, HTTP 5xx),\n"
+                     "                        waiting 1, 2, 4... s; never after a refusal (401,\n"
+                     "                        403, 404, 409). Default 0\n"
+                     "      --connect-timeout S  give up connecting after S seconds\n"
+                     "                        (default 30; 0: no limit)\n"
+                     "      --stall-timeout S give up when nothing moved for S seconds\n"
+                     "                        (default 120; 0: no limit)\n"
+                     "      --max-redirects N follow at most N redirects (default 10; 0: no limit)\n"
+                     "      --cacert FILE|DIR trust the CA certificates in a PEM file or a\n"
+                     "                        hashed directory instead of the system's\n"
+                     "      --proxy-user NAME user for the system proxy (its password:\n"
+                     "                        ORVANE_PROXY_PASSWORD, else a prompt)\n"
+                     "      --password-stdin  read the password from the first line of stdin\n"
+                     "      --dry-run         check the files, sign in and look the project up,\n"
+                     "                        then stop without uploading (an existing data\n"
+                     "                        source of the same name is not looked for)\n"
+                     "      --json            one JSON summary on stdout instead of text lines\n"
+                     "  -q, --quiet           no progress meter, nothing on stdout; failures only\n"
+                     "  -v, --verbose         also HTTP statuses, library codes, retries and\n"
+                     "                        where the library's log is\n"
+                     "  -h, --help            show this text\n"
+                     "  -V, --version         show the tool's and the library's version\n"
+                     "\n"
+                     "Passwords never go on the command line: ORVANE_PASSWORD, --password-stdin,\n"
+                     "or a prompt without echo on the terminal. The system proxy comes from\n"
+                     "http_proxy, https_proxy and no_proxy. The library's log is\n"
+                     "OrvaneSDKServer.log in $ORV_SDK_LOGDIR, else in the current directory.\n"
+                     "On a terminal, a progress meter on stderr shows bytes, percent, rate and\n"
+                     "time left (one combined line with -j).\n"
+                     "\n"
+                     "Exit status:\n"
+                     "  0    every file published (with --dry-run: everything checked)\n"
+                     "  1    another failure (an unreadable reply, a file gone meanwhile)\n"
+                     "  2    usage error or unusable file (missing, directory, not .qrx);\n"
+                     "       nothing was sent\n"
+                     "  3    sign-in refused: wrong user name or password, unknown or\n"
+                     "       forbidden site\n"
+                     "  4    the server refused some files (no such project, already exists)\n"
+                     "  5    network, TLS or proxy failure, too many redirects, or HTTP 5xx\n"
+                     "  6    timed out (--connect-timeout, --stall-timeout)\n"
+                     "  130  interrupted by SIGINT (Ctrl-C), 143 by SIGTERM: running uploads\n"
+                     "       are cancelled, the summary printed\n"
+                     "When files fail for different reasons, the first failed file (in\n"
+                     "command-line order) decides.\n";
+
+enum LongOnly {
+    kSite = 1000,
+    kProxyUser,
+    kRetry,
+    kConnectTimeout,
+    kStallTimeout,
+    kMaxRedirects,
+    kCacert,
+    kPasswordStdin,
+    kPassword,
+    kDryRun,
+    kJson
+};
+
+const option kLongOptions[] = {{"server", required_argument, nullptr, 's'},
+                               {"user", required_argument, nullptr, 'u'},
+                               {"site", required_argument, nullptr, kSite},
+                               {"project", required_argument, nullptr, 'p'},
+                               {"name", required_argument, nullptr, 'n'},
+                               {"overwrite", no_argument, nullptr, 'o'},
+                               {"jobs", required_argument, nullptr, 'j'},
+                               {"retry", required_argument, nullptr, kRetry},
+                               {"connect-timeout", required_argument, nullptr, kConnectTimeout},
+                               {"stall-timeout", required_argument, nullptr, kStallTimeout},
+                               {"max-redirects", required_argument, nullptr, kMaxRedirects},
+                               {"cacert", required_argument, nullptr, kCacert},
+                               {"proxy-user", required_argument, nullptr, kProxyUser},
+                               {"password-stdin", no_argument, nullptr, kPasswordStdin},
+                               {"password", optional_argument, nullptr, kPassword},
+                               {"dry-run", no_argument, nullptr, kDryRun},
+                               {"json", no_argument, nullptr, kJson},
+                               {"quiet", no_argument, nullptr, 'q'},
+                               {"verbose", no_argument, nullptr, 'v'},
+                               {"help", no_argument, nullptr, 'h'},
+                               {"version", no_argument, nullptr, 'V'},
+                               {nullptr, 0, nullptr, 0}};
+
+// A whole decimal number in [low, high], or false.
+bool Number(const char* text, long low, long high, long& value)
+{
+    errno = 0;
+    char* end = nullptr;
+    value = std::strtol(text, &end, 10);
+    return errno == 0 && end != text && *end == '\0' && value >= low && value <= high;
+}
+
+// The option getopt_long stopped at: "-x" out of a bundle, else the word.
+std::string Culprit(char** argv)
+{
+    return optopt > 0 && optopt < 128 ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1]);
+}
+
+} // namespace
+
+int Usage(const std::string& problem)
+{
+    std::fprintf(stderr, "orvane-publish: %s\nTry 'orvane-publish --help'.\n", problem.c_str());
+    return kExitUsage;
+}
+
+int ParseOptions(int argc, char** argv, Options& o)
+{
+    struct Limit {
+        const char* name;
+        long* target;
+        long high;
+    };
+    opterr = 0; // our own messages, with the --help hint
+    int c;
+    int index = 0;
+    while ((c = getopt_long(argc, argv, ":s:u:p:n:oj:qvhV", kLongOptions, &index)) != -1) {
+        Limit limit{nullptr, nullptr, 0};
+        switch (c) {
+        case 's':
+            o.server = optarg;
+            break;
+        case 'u':
+            o.user = optarg;
+            break;
+        case kSite:
+            o.site = optarg;
+            break;
+        case 'p':
+            o.project = optarg;
+            break;
+        case 'n':
+            o.name = optarg;
+            break;
+        case 'o':
+            o.overwrite = true;
+            break;
+        case kProxyUser:
+            o.proxyUser = optarg;
+            break;
+        case kCacert:
+            o.cacert = optarg;
+            break;
+        case kPasswordStdin:
+            o.passwordStdin = true;
+            break;
+        case kDryRun:
+            o.dryRun = true;
+            break;
+        case kJson:
+            o.json = true;
+            break;
+        case 'q':
+            o.quiet = true;
+            break;
+        case 'v':
+            o.verbose = true;
+            break;
+        case 'j':
+            limit = {"--jobs takes a number from 1 to 64", &o.jobs, 64};
+            break;
+        case kRetry:
+            limit = {"--retry takes a number from 0 to 100", &o.retries, 100};
+            break;
+        case kConnectTimeout:
+            limit = {"--connect-timeout takes whole seconds, 0 for none", &o.connectTimeout, 1000000};
+            break;
+        case kStallTimeout:
+            limit = {"--stall-timeout takes whole seconds, 0 for none", &o.stallTimeout, 1000000};
+            break;
+        case kMaxRedirects:
+            limit = {"--max-redirects takes a count, 0 for no limit", &o.maxRedirects, 1000000};
+            break;
+        case kPassword:
+            return Usage("passwords are not taken from the command line, where other users can read them;\n"
+                         "use ORVANE_PASSWORD, --password-stdin or the prompt");
+        case 'h':
+            std::fputs(kHelp, stdout);
+            return kExitPublished;
+        case 'V':
+            std::printf("orvane-publish %s (libOrvaneServer %s)\n", ORVANE_PUBLISH_VERSION, OrvServerAPIGetVersion());
+            return kExitPublished;
+        case ':':
+            return Usage(Culprit(argv) + " needs a value");
+        default:
+            return Usage("unknown option " + Culprit(argv));
+        }
+        if (limit.target != nullptr && !Number(optarg, c == 'j' ? 1 : 0, limit.high, *limit.target))
+            return Usage(limit.name);
+    }
+    for (int i = optind; i < argc; ++i)
+        o.files.emplace_back(argv[i]);
+    if (o.server.empty() || o.user.empty() || o.project.empty())
+        return Usage("--server, --user and --project are required");
+    if (o.files.empty())
+        return Usage("no extract file given");
+    if (!o.name.empty() && o.files.size() > 1)
+        return Usage("--name applies to a single file");
+    if (o.quiet && o.verbose)
+        return Usage("-q and -v do not go together");
+    return -1;
+}
+
+} // namespace orvpub

@@ -1,0 +1,82 @@
+// Sessions with the server on the library's C API: each handle set up with
+// the tool's time limits, certificates and progress callback; sign-in and
+// publish with retries of transient failures; every failure sorted into a
+// kind that says what happened and which exit status it gives.
+#pragma once
+
+#include "Console.h"
+#include "Options.h"
+#include "Text.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace orvpub {
+
+enum class Kind { NotStarted, Published, Checked, SignInRefused, Refused, Network, TimedOut, Interrupted, Other };
+
+const char* KindName(Kind kind); // the "result" of --json
+int ExitCodeOf(Kind kind);       // kExitInterrupted for Interrupted (the signal is added later)
+
+struct Outcome {
+    Kind kind = Kind::NotStarted;
+    int code = 0;        // the library's result code
+    long status = 0;     // the HTTP status of the last reply
+    std::string error;   // the library's last-error text
+    std::string reason;  // the server's own reason for a refusal
+    std::string message; // what to tell a person
+    bool transient = false;
+    int attempts = 0;
+    double seconds = 0;
+};
+
+// The handles a signal must stop, and the waits between retries it cuts short.
+class Cancels {
+  public:
+    void Add(void* handle);
+    void Remove(void* handle); // before the handle is closed
+    void CancelAll();          // from the monitor thread, once a signal came
+    bool Interrupted();
+    bool Sleep(double seconds); // false when interrupted meanwhile
+
+  private:
+    std::mutex m_lock;
+    std::condition_variable m_wake;
+    std::set<void*> m_handles;
+    bool m_interrupted = false;
+};
+
+// Everything the sessions share, converted for the library once.
+struct Settings {
+    const Options* options = nullptr;
+    Utf16 server, user, password, site, project, proxyUser, proxyPassword, cacert;
+};
+
+class Session {
+  public:
+    Session(const Settings& settings, Cancels& cancels, Console& console);
+    ~Session(); // signs out (on this side) and closes the handle
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    Outcome SignIn();
+    Outcome Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer);
+    // Looks the project up without uploading (--dry-run); Checked when found.
+    Outcome FindProject();
+
+  private:
+    template <class Attempt> Outcome Retrying(const std::string& label, bool signIn, Attempt attempt);
+    Outcome Classify(int code, bool signIn);
+    static int OnProgress(void* self, uint64_t sent, uint64_t total);
+
+    const Settings& m_settings;
+    Cancels& m_cancels;
+    Console& m_console;
+    void* m_handle = nullptr;
+    int m_setupResult = 0;
+    Transfer* m_transfer = nullptr;
+};
+
+} // namespace orvpub
