@@ -430,4 +430,4 @@ protected:
 };
 
 }  // namespace OrvaneTest
-namespace CapiTest = OrvaneTest;
+namespace CapiTest { using namespace OrvaneTest; }  // the exported-API tests' namespace
