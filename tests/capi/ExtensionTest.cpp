@@ -24,7 +24,7 @@ constexpr std::uint64_t kStep = 64 * 1024;
 // A loopback port whose connections wait in the backlog, never accepted: a
 // TLS handshake there never gets an answer.
 class SilentListener {
-public:
+  public:
     SilentListener() : m_socket(::socket(AF_INET, SOCK_STREAM, 0))
     {
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -37,7 +37,7 @@ public:
     ~SilentListener() { ::close(m_socket); }
     std::string Url() const { return "https://127.0.0.1:" + std::to_string(m_port); }
 
-private:
+  private:
     int m_socket;
     unsigned short m_port;
 };
@@ -57,7 +57,7 @@ std::string HashedDirectory(const OrvaneTest::TempDirectory& dir, const std::str
     return dir.File("ca");
 }
 
-using ProgressCalls = std::vector<std::pair<std::uint64_t, std::uint64_t>>;  // (sent, total)
+using ProgressCalls = std::vector<std::pair<std::uint64_t, std::uint64_t>>; // (sent, total)
 int Record(void* calls, std::uint64_t sent, std::uint64_t total)
 {
     static_cast<ProgressCalls*>(calls)->emplace_back(sent, total);
@@ -88,12 +88,11 @@ TEST_F(ExtensionTest, ProgressRisesFromZeroToTheBodyLength)
         ProgressCalls progress;
         Connection connection;
         ASSERT_EQ(ORV_RESULT_Success, connection.Create());
-        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProxyCredentials(connection.Handle(), U("u").c_str(),
-                                                                             U("p").c_str()));
         ASSERT_EQ(ORV_RESULT_Success,
-                  OrvServerConnectionSetProgressCallback(connection.Handle(), &Record, &progress));
+                  OrvServerConnectionSetProxyCredentials(connection.Handle(), U("u").c_str(), U("p").c_str()));
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProgressCallback(connection.Handle(), &Record, &progress));
         ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p"));
-        EXPECT_TRUE(progress.empty());  // a sign-in is no upload
+        EXPECT_TRUE(progress.empty()); // a sign-in is no upload
         ASSERT_EQ(ORV_RESULT_Success, connection.Publish(path, "Sales", "d", 0)) << LastError();
 
         ASSERT_FALSE(progress.empty());
@@ -102,7 +101,7 @@ TEST_F(ExtensionTest, ProgressRisesFromZeroToTheBodyLength)
         for (std::size_t i = 0; i < progress.size(); ++i) {
             const std::uint64_t sent = progress[i].first, before = i == 0 ? 0 : progress[i - 1].first;
             EXPECT_EQ(total, progress[i].second);
-            if (sent == 0) {  // a pass begins: the first, or one after the whole body went out
+            if (sent == 0) { // a pass begins: the first, or one after the whole body went out
                 EXPECT_TRUE(i == 0 || before == total) << "call " << i;
                 ++passes;
             } else {
@@ -127,8 +126,8 @@ TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
     const Setup stall = with([](void* h) { OrvServerConnectionSetStallTimeout(h, 1); });
     const auto trust = [this](bool directory) {
         return [this, directory](void* handle, const TestHttpServer& server) {
-            const std::string path = directory ? HashedDirectory(m_dir, server.CertificateFile())
-                                               : server.CertificateFile();
+            const std::string path =
+                directory ? HashedDirectory(m_dir, server.CertificateFile()) : server.CertificateFile();
             OrvServerConnectionSetCACertificates(handle, U(path).c_str());
         };
     };
@@ -139,12 +138,12 @@ TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
         const char* name;
         Script script;
         Setup setup;
-        bool publish;       // else the sign-in is the call under test
-        bool cancelOnHold;  // another thread cancels once the server holds the body
+        bool publish;      // else the sign-in is the call under test
+        bool cancelOnHold; // another thread cancels once the server holds the body
         ORV_RESULT expected;
-        std::string error;  // the start of the last error
+        std::string error; // the start of the last error
         bool tls = false;
-        bool silent = false;  // sign in at a port that never answers
+        bool silent = false; // sign in at a port that never answers
     } rows[] = {
         {"cancel a held upload", PublishScript({heldUpload}), enableCancel, true, true, ORV_RESULT_Cancelled,
          "Cancelled"},
@@ -154,7 +153,8 @@ TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
         {"progress callback says stop", PublishScript({Response(201).Body(kPublishReply)}), with([](void* h) {
              OrvServerConnectionSetProgressCallback(
                  h, [](void*, std::uint64_t n, std::uint64_t) { return n > 0 ? 1 : 0; }, nullptr);
-         }), true, false, ORV_RESULT_Cancelled, "Cancelled"},
+         }),
+         true, false, ORV_RESULT_Cancelled, "Cancelled"},
         {"stall: silent sign-in", heldSignIn, stall, false, false, ORV_RESULT_TimedOut, "Timeout was reached"},
         {"stall: held upload", PublishScript({heldUpload}), stall, true, false, ORV_RESULT_TimedOut,
          "Timeout was reached"},
@@ -207,9 +207,10 @@ TEST_F(ExtensionTest, StatusAndReasonOfTheLastRefusal)
         long status;
         std::wstring reason;
     } rows[] = {
-        {"error document", Response(409).Body("<qsResponse><error code=\"409\"><summary>Resource Conflict</summary>"
-                                              "<detail>A data source named &quot;d&quot; exists.</detail></error>"
-                                              "</qsResponse>"),
+        {"error document",
+         Response(409).Body("<qsResponse><error code=\"409\"><summary>Resource Conflict</summary>"
+                            "<detail>A data source named &quot;d&quot; exists.</detail></error>"
+                            "</qsResponse>"),
          409, L"Resource Conflict: A data source named \"d\" exists."},
         {"plain text", Response(503).Body("busy, try later\n"), 503, L"busy, try later\n"},
         {"long text, bounded", Response(500).Body(std::string(10000, 'x')), 500, std::wstring(4096, L'x')},
@@ -256,17 +257,16 @@ TEST_F(ExtensionTest, PlainHandleSendsTheKnownBytes)
     const std::string boundary = BoundaryOf(requests[2]);
     const auto framing = Framing(boundary, "d", path);
     const std::string heads[] = {
-        "POST /api/2.0/auth/signin HTTP/1.1\r\n" + host + "Content-Type: text/xml\r\nContent-Length: " +
-            std::to_string(requests[0].body.size()) + "\r\n\r\n",
-        "GET /api/2.0/sites/S1/projects?pageSize=100&pageNumber=1 HTTP/1.1\r\n" + host +
-            "X-Orvane-Auth: T0K3N\r\n\r\n",
-        "POST /api/2.0/sites/S1/datasources HTTP/1.1\r\n" + host + "Content-Type: multipart/mixed; boundary=" +
-            boundary + "\r\nX-Orvane-Auth: T0K3N\r\nContent-Length: " +
+        "POST /api/2.0/auth/signin HTTP/1.1\r\n" + host +
+            "Content-Type: text/xml\r\nContent-Length: " + std::to_string(requests[0].body.size()) + "\r\n\r\n",
+        "GET /api/2.0/sites/S1/projects?pageSize=100&pageNumber=1 HTTP/1.1\r\n" + host + "X-Orvane-Auth: T0K3N\r\n\r\n",
+        "POST /api/2.0/sites/S1/datasources HTTP/1.1\r\n" + host +
+            "Content-Type: multipart/mixed; boundary=" + boundary + "\r\nX-Orvane-Auth: T0K3N\r\nContent-Length: " +
             std::to_string(BodyLength("d", path, file.size())) + "\r\n\r\n"};
     for (std::size_t i = 0; i < 3; ++i)
         EXPECT_EQ(heads[i], requests[i].head) << "request " << i;
     EXPECT_EQ(framing.first + file + framing.second, requests[2].body);
 }
 
-}  // namespace
-}  // namespace CapiTest
+} // namespace
+} // namespace CapiTest

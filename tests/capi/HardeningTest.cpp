@@ -29,7 +29,7 @@ std::map<std::string, std::string> Snapshot(const std::string& dir)
 
 // Loopback: answers one GET with the project page, running `during` once the request is in.
 class PageServer {
-public:
+  public:
     PageServer()
     {
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -52,8 +52,9 @@ public:
             head.append(buffer, n > 0 ? static_cast<std::size_t>(n) : 0);
         }
         during();
-        const std::string page = "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
-                                 std::to_string(sizeof kProjectsReply - 1) + "\r\n\r\n" + kProjectsReply;
+        const std::string page =
+            "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " + std::to_string(sizeof kProjectsReply - 1) +
+            "\r\n\r\n" + kProjectsReply;
         EXPECT_EQ(static_cast<ssize_t>(page.size()), ::write(client, page.data(), page.size()));
         ::close(client);
     }
@@ -64,21 +65,24 @@ public:
 const char kInjecting[] = "<qsResponse><credentials token=\"T0K3N&#13;&#10;X-Injected: yes\"><site id=\"S1\"/>"
                           "</credentials></qsResponse>";
 
-std::string Seen(ORV_RESULT result) { return std::to_string(result) + " '" + LastError() + "'"; }
+std::string Seen(ORV_RESULT result)
+{
+    return std::to_string(result) + " '" + LastError() + "'";
+}
 
-}  // namespace
+} // namespace
 
 TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
 {
     const mode_t umask = ::umask(022);
     OrvaneTest::TempDirectory outside("orv-outside");
     OrvaneTest::WriteFileBytes(outside.File("victim"), "precious");
-    ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0711));  // a caller without privileges still finds the extract
+    ASSERT_EQ(0, ::chmod(m_dir.Path().c_str(), 0711)); // a caller without privileges still finds the extract
     PageServer pages;
-    TestHttpServer server(OrvaneTest::Script()
-                              .Sequence("/api/2.0/auth/signin",
-                                        {Response(200).Body(kInjecting), Response(200).Body(kSignInReply)})
-                              .On("GET", "/api/2.0/sites/S1/projects", Response::Redirect(302, pages.m_url)));
+    TestHttpServer server(
+        OrvaneTest::Script()
+            .Sequence("/api/2.0/auth/signin", {Response(200).Body(kInjecting), Response(200).Body(kSignInReply)})
+            .On("GET", "/api/2.0/sites/S1/projects", Response::Redirect(302, pages.m_url)));
     const std::string extract = m_dir.File("x.qrx"), failedOpen = "): Error: Failed to open file: " + extract + "\n";
     const std::string ok = "0 'untouched'", pid = "): pid=", unknown = ok + ok + ok + "3 'Unknown error'";
     const std::string log = "OrvaneSDKServer.log", log1 = "OrvaneSDKServer_1.log", fifo = m_dir.File("fifo");
@@ -108,8 +112,11 @@ TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
     auto swapInPipe = [&] {
         EXPECT_TRUE(::mkfifo(fifo.c_str(), 0600) == 0 && ::rename(fifo.c_str(), extract.c_str()) == 0);
     };
-    const struct { const char* situation; std::function<std::string()> act; std::string expected, logName, logLine; }
-    rows[] = {
+    const struct {
+        const char* situation;
+        std::function<std::string()> act;
+        std::string expected, logName, logLine;
+    } rows[] = {
         {"link to a file of ours at the log path", [&] { return linkLogTo("victim"); }, ok, log1, pid},
         {"dangling link at the log path", [&] { return linkLogTo("new"); }, ok, log1, pid},
         {"umask 000, kept for the rows after it", [] { return ::umask(0), Seen(OrvServerAPIInitialize()); }, ok, log,

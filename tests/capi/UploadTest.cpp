@@ -28,10 +28,12 @@ void ExpectWholeAsAnnounced(const RecordedRequest& request)
 }
 
 class UploadTest : public StartedTest {
-protected:
+  protected:
     void SignIn(const TestHttpServer& server)
     {
-        ASSERT_TRUE(m_c.Create() == ORV_RESULT_Success && m_c.Connect(server.BaseUrl(), "user", "pw") == ORV_RESULT_Success) << LastError();
+        ASSERT_TRUE(m_c.Create() == ORV_RESULT_Success &&
+                    m_c.Connect(server.BaseUrl(), "user", "pw") == ORV_RESULT_Success)
+            << LastError();
     }
     Outcome Publish(const std::string& path, const std::string& name = "d")
     {
@@ -41,17 +43,19 @@ protected:
     Connection m_c;
 };
 
-}  // namespace
+} // namespace
 
 // Transport failures carry libcurl's text, statuses name the status, replies of another shape leave
 // the text empty (the log explains: see the session tests). Bodies over 1 MiB ask for "100 Continue".
 TEST_F(UploadTest, FaultyAnswersGiveTheirCodeAndLeaveTheSessionUsable)
 {
     const std::string good = kPublishReply;
-    const std::string bomb = "<?xml version=\"1.0\"?><!DOCTYPE qsResponse [<!ENTITY a \"" + Repeat("a", 1000) + "\"><!ENTITY b \"" +
-                             Repeat("&a;", 1000) + "\"><!ENTITY c \"" + Repeat("&b;", 1000) + "\">]><qsResponse><datasource name=\"&c;\"/></qsResponse>";
-    const Outcome nothing{400, "Server returned nothing (no headers, no data)"}, partial{400, "Transferred a partial file"},
-        sendFailed{400, "Failed sending data to the peer"}, receiveFailed{400, "Failure when receiving data from the peer"};
+    const std::string bomb = "<?xml version=\"1.0\"?><!DOCTYPE qsResponse [<!ENTITY a \"" + Repeat("a", 1000) +
+                             "\"><!ENTITY b \"" + Repeat("&a;", 1000) + "\"><!ENTITY c \"" + Repeat("&b;", 1000) +
+                             "\">]><qsResponse><datasource name=\"&c;\"/></qsResponse>";
+    const Outcome nothing{400, "Server returned nothing (no headers, no data)"},
+        partial{400, "Transferred a partial file"}, sendFailed{400, "Failed sending data to the peer"},
+        receiveFailed{400, "Failure when receiving data from the peer"};
     const struct {
         std::string what;
         Response reply;
@@ -61,18 +65,43 @@ TEST_F(UploadTest, FaultyAnswersGiveTheirCodeAndLeaveTheSessionUsable)
         {"closed after the body", Response(201).CloseWithoutAnswer(), {nothing}, true, true},
         {"body short of its length", Response(201).Body(good).TruncateBody(30), {partial}, true, true},
         {"XML cut inside a tag", Response(201).Body(good.substr(0, 40)), {{300, ""}}, true, true},
-        {"non-XML error page", Response(500).Body("<html><body>Internal <b>error</body>"), {{401, "Server Response Code: 500"}}, true, true},
+        {"non-XML error page",
+         Response(500).Body("<html><body>Internal <b>error</body>"),
+         {{401, "Server Response Code: 500"}},
+         true,
+         true},
         {"the sign-in reply", Response(200).Body(kSignInReply), {{403, ""}}, true, true},
         {"huge non-XML 200", Response(200).Body(Repeat("not xml ", 5 * kMiB / 2)), {{300, ""}}, true, true},
-        {"deeply nested", Response(200).Body("<qsResponse><datasource><tags>" + Repeat("<tag>", 200000)), {{403, ""}}, true, true},
+        {"deeply nested",
+         Response(200).Body("<qsResponse><datasource><tags>" + Repeat("<tag>", 200000)),
+         {{403, ""}},
+         true,
+         true},
         {"entity expansion", Response(201).Body(bomb), {{300, ""}}, true, true},
-        {"huge well-formed", Response(201).Body("<qsResponse><datasource><tags>" + Repeat("<tag/>", kMiB) + "</tags></datasource></qsResponse>"), {kOk}, true, true},
+        {"huge well-formed",
+         Response(201).Body("<qsResponse><datasource><tags>" + Repeat("<tag/>", kMiB) +
+                            "</tags></datasource></qsResponse>"),
+         {kOk},
+         true,
+         true},
         {"continue left unanswered", Response(201).Body(good).WithoutContinue(), {kOk}, true, false},
-        {"417 before the body", Response(417).Body("no").AnswerBeforeBody(), {{401, "Server Response Code: 417"}}, false, false},
-        {"reset after 64 KiB", Response(201).ReadBodyBytes(64 * 1024).ResetWithoutAnswer(), {sendFailed, receiveFailed}, false, true},
-        {"closed after 64 KiB", Response(201).ReadBodyBytes(64 * 1024).CloseWithoutAnswer(), {sendFailed, receiveFailed, nothing}, false, true},
+        {"417 before the body",
+         Response(417).Body("no").AnswerBeforeBody(),
+         {{401, "Server Response Code: 417"}},
+         false,
+         false},
+        {"reset after 64 KiB",
+         Response(201).ReadBodyBytes(64 * 1024).ResetWithoutAnswer(),
+         {sendFailed, receiveFailed},
+         false,
+         true},
+        {"closed after 64 KiB",
+         Response(201).ReadBodyBytes(64 * 1024).CloseWithoutAnswer(),
+         {sendFailed, receiveFailed, nothing},
+         false,
+         true},
     };
-    std::vector<Response> answers;  // each fault followed by a good answer
+    std::vector<Response> answers; // each fault followed by a good answer
     for (const auto& fault : faults)
         answers.insert(answers.end(), {fault.reply, Response(201).Body(good)});
     TestHttpServer server(PublishScript(answers));
@@ -119,7 +148,9 @@ TEST_F(UploadTest, RedirectsKeepThePostItsBodyAndToken)
 // Every overwrite value but 0 replaces; an empty extract is a body like any other.
 TEST_F(UploadTest, OverwriteValuesAndAnEmptyExtract)
 {
-    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}).On("POST", kUploadPath + std::string("?overwrite=true"), Response(201).Body(kPublishReply)));
+    TestHttpServer server(
+        PublishScript({Response(201).Body(kPublishReply)})
+            .On("POST", kUploadPath + std::string("?overwrite=true"), Response(201).Body(kPublishReply)));
     SignIn(server);
     const std::string path = Extract("empty.qrx", "");
     for (int overwrite : {0, 1, 2, -1, INT_MIN, INT_MAX})
@@ -127,7 +158,8 @@ TEST_F(UploadTest, OverwriteValuesAndAnEmptyExtract)
     const std::vector<RecordedRequest> uploads = Uploads(server.Requests(false));
     ASSERT_EQ(6u, uploads.size());
     for (std::size_t i = 0; i < 6; ++i)
-        EXPECT_EQ(i ? "/api/2.0/sites/S1/datasources?overwrite=true" : kUploadPath, uploads[i].target), ExpectWholeAsAnnounced(uploads[i]);
+        EXPECT_EQ(i ? "/api/2.0/sites/S1/datasources?overwrite=true" : kUploadPath, uploads[i].target),
+            ExpectWholeAsAnnounced(uploads[i]);
 }
 
 // A sparse file just over 4 GiB: no count may wrap at 32 bits.
@@ -145,7 +177,9 @@ TEST_F(UploadTest, BodyOver4GiBArrivesWithItsAnnouncedLength)
     const RecordedRequest upload = Uploads(server.Requests(false)).at(0);
     ExpectWholeAsAnnounced(upload);
     const std::string type = upload.HeaderValue("Content-Type").value_or("");
-    const auto framing = MultipartFraming(type.substr(type.find('=') + 1), "<qsRequest><datasource name=\"huge\" ><project id=\"P1\" /></datasource></qsRequest>",
-                                          "orvane_datasource", path);
+    const auto framing =
+        MultipartFraming(type.substr(type.find('=') + 1),
+                         "<qsRequest><datasource name=\"huge\" ><project id=\"P1\" /></datasource></qsRequest>",
+                         "orvane_datasource", path);
     EXPECT_EQ(framing.first.size() + size + framing.second.size(), upload.bodyLength);
 }

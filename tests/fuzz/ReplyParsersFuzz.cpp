@@ -11,15 +11,16 @@
 
 using namespace OrvaneInternal;
 
-template <class Message>
-void Parse(const std::string& reply, bool numbers)
+template <class Message> void Parse(const std::string& reply, bool numbers)
 {
     try {
         FUZZ_CHECK(Message(reply).m_depth == 0, "depth after a whole document");
     } catch (const ServerException& e) {
         FUZZ_CHECK(e.getErrorCode() == 300 || e.getErrorCode() == 403, std::to_string(e.getErrorCode()));
-    } catch (const std::logic_error& e) {  // std::invalid_argument and std::out_of_range
-        FUZZ_CHECK(numbers && (dynamic_cast<const std::invalid_argument*>(&e) || dynamic_cast<const std::out_of_range*>(&e)), e.what());
+    } catch (const std::logic_error& e) { // std::invalid_argument and std::out_of_range
+        FUZZ_CHECK(numbers &&
+                       (dynamic_cast<const std::invalid_argument*>(&e) || dynamic_cast<const std::out_of_range*>(&e)),
+                   e.what());
     }
 }
 

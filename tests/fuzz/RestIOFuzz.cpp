@@ -17,7 +17,7 @@ using namespace OrvaneInternal;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static char dir[] = "/tmp/orv-fuzz-restio-XXXXXX";
-    static const std::vector<std::string> files = [] {  // dir/0 ... dir/4, written once
+    static const std::vector<std::string> files = [] { // dir/0 ... dir/4, written once
         std::vector<std::string> contents{"", "a", "xyz", "0123456789abcdef", std::string(9000, 'q')};
         FUZZ_CHECK(mkdtemp(dir) != nullptr, dir);
         for (std::size_t i = 0; i < contents.size(); ++i)
@@ -29,9 +29,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::string whole;
     for (int parts = input.ConsumeIntegralInRange(1, 8); parts > 0; --parts) {
         const std::size_t file = input.ConsumeIntegralInRange<std::size_t>(0, files.size());
-        auto text = std::make_shared<std::string>(file < files.size() ? files[file] : input.ConsumeRandomLengthString(24));
+        auto text =
+            std::make_shared<std::string>(file < files.size() ? files[file] : input.ConsumeRandomLengthString(24));
         whole += *text;
-        body.AddPart(file < files.size() ? std::shared_ptr<RestIOPart>(std::make_shared<RestIOPartFile>(dir + ("/" + std::to_string(file))))
+        body.AddPart(file < files.size() ? std::shared_ptr<RestIOPart>(
+                                               std::make_shared<RestIOPartFile>(dir + ("/" + std::to_string(file))))
                                          : std::make_shared<RestIOPartBuffer>(text));
     }
     FUZZ_CHECK(body.GetSize() == whole.size(), "announced size");
@@ -40,14 +42,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (input.ConsumeIntegralInRange(0, 3) == 0 && !whole.empty()) {
                 at = input.ConsumeIntegralInRange<std::size_t>(0, whole.size() - 1);
                 if (body.Seek(at) != 0)
-                    return 0;  // refused (an empty part in the way): the body is not used further
+                    return 0; // refused (an empty part in the way): the body is not used further
                 continue;
             }
             const std::size_t want = input.ConsumeIntegralInRange<std::size_t>(1, 12000);
             std::vector<char> buffer(want + 1, '\x5A');
             const std::size_t got = body.Read(buffer.data(), want);
-            FUZZ_CHECK(got <= want && got <= whole.size() - at && buffer[want] == '\x5A', "read " + std::to_string(got) + " of " + std::to_string(want));
-            FUZZ_CHECK(std::string(buffer.data(), got) == whole.substr(at, got), "bytes differ at " + std::to_string(at));
+            FUZZ_CHECK(got <= want && got <= whole.size() - at && buffer[want] == '\x5A',
+                       "read " + std::to_string(got) + " of " + std::to_string(want));
+            FUZZ_CHECK(std::string(buffer.data(), got) == whole.substr(at, got),
+                       "bytes differ at " + std::to_string(at));
             FUZZ_CHECK(got > 0 || at == whole.size(), "ended early at " + std::to_string(at));
             at += got;
         }

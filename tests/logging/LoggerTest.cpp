@@ -1,7 +1,7 @@
 // The log file as a user finds it: line format, text, the 1 MiB rule, start-up and shutdown lines,
 // many threads, and the lock between two processes.
-#include "capi/ServerAPI.h"
 #include "logging/Logger.h"
+#include "capi/ServerAPI.h"
 #include "logging/SimpleLogger.h"
 #include "tests/support/TestSupport.h"
 
@@ -15,10 +15,19 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-std::wstring Wide(const std::string& ascii) { return std::wstring(ascii.begin(), ascii.end()); }
+std::wstring Wide(const std::string& ascii)
+{
+    return std::wstring(ascii.begin(), ascii.end());
+}
 // A logger on `path` whose queue is written out on this thread by Drain.
-RefCntPtr<SimpleLogger> Open(const std::string& path) { return RefCntPtr<SimpleLogger>(new SimpleLogger(Wide(path), 0)); }
-void Drain(SimpleLogger& logger) { logger.QueueStop(), logger.Run(); }
+RefCntPtr<SimpleLogger> Open(const std::string& path)
+{
+    return RefCntPtr<SimpleLogger>(new SimpleLogger(Wide(path), 0));
+}
+void Drain(SimpleLogger& logger)
+{
+    logger.QueueStop(), logger.Run();
+}
 const std::regex kHeader(R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \((\d{4,})\): )");
 // The payloads of a log's lines, each checked for its header.
 Strings Payloads(const std::string& path)
@@ -39,7 +48,7 @@ Strings RunLines(long pid, const Strings& middle, bool cleanup = true)
 }
 
 class LogTest : public ::testing::Test {
-protected:
+  protected:
     // Runs orv_log_child with `args` to its end; its pid.
     long RunChild(const std::vector<std::string>& args)
     {
@@ -56,29 +65,44 @@ protected:
     const std::string m_base = m_dir.File("OrvaneSDKServer.log"), m_sibling = m_dir.File("OrvaneSDKServer_1.log");
 };
 
-}  // namespace
+} // namespace
 
 // Every line of a message gets the message's header: local time and the thread that queued it. Text
 // goes out as UTF-8; wide units no encoder takes become U+FFFD, narrow bytes that are not UTF-8 stay.
 TEST_F(LogTest, EveryLineGetsTheHeaderOfItsMessageAndItsTextAsUtf8)
 {
-    setenv("TZ", "ORV-5:30", 1);  // an offset zone: local time and UTC differ
+    setenv("TZ", "ORV-5:30", 1); // an offset zone: local time and UTC differ
     tzset();
-    const std::tuple<std::wstring, std::string, Strings> cases[] = {{L"first\nsecond", "", {"first", "second"}}, {L"end\n", "", {"end"}},
-        {L"a\n\nb", "", {"a", "", "b"}}, {L"\n", "", {""}}, {L"", "", {}}, {L"caf\u00e9 \U0001F600", "", {"caf\xC3\xA9 \xF0\x9F\x98\x80"}},
-        {std::wstring(L"a") + wchar_t(0xD800) + L"b\nnext", "", {"a\xEF\xBF\xBD" "b", "next"}}, {std::wstring(L"x") + wchar_t(0x110000), "", {"x\xEF\xBF\xBD"}},
-        {L"", "caf\xC3\xA9 \xF0\x9F\x98\x80", {"caf\xC3\xA9 \xF0\x9F\x98\x80"}}, {L"", "a\nb", {"a", "b"}}, {L"", "bad \xFF\xC3, \xE9t\xE9", {"bad \xFF\xC3, \xE9t\xE9"}}};
+    const std::tuple<std::wstring, std::string, Strings> cases[] = {
+        {L"first\nsecond", "", {"first", "second"}},
+        {L"end\n", "", {"end"}},
+        {L"a\n\nb", "", {"a", "", "b"}},
+        {L"\n", "", {""}},
+        {L"", "", {}},
+        {L"caf\u00e9 \U0001F600", "", {"caf\xC3\xA9 \xF0\x9F\x98\x80"}},
+        {std::wstring(L"a") + wchar_t(0xD800) + L"b\nnext",
+         "",
+         {"a\xEF\xBF\xBD"
+          "b",
+          "next"}},
+        {std::wstring(L"x") + wchar_t(0x110000), "", {"x\xEF\xBF\xBD"}},
+        {L"", "caf\xC3\xA9 \xF0\x9F\x98\x80", {"caf\xC3\xA9 \xF0\x9F\x98\x80"}},
+        {L"", "a\nb", {"a", "b"}},
+        {L"", "bad \xFF\xC3, \xE9t\xE9", {"bad \xFF\xC3, \xE9t\xE9"}}};
     const auto now = [] { return SimpleLogger::FormatHeader(datetime::now(), 0).substr(0, 23); };
     for (const auto& [wide, narrow, lines] : cases) {
         std::remove(m_base.c_str());
         RefCntPtr<SimpleLogger> logger = Open(m_base);
         const std::string before = now();
         pid_t caller = 0;
-        std::thread([&, &w = wide, &n = narrow] { caller = gettid(), n.empty() ? logger->QueueMessage(w) : logger->QueueMessage(n); }).join();
+        std::thread([&, &w = wide, &n = narrow] {
+            caller = gettid(), n.empty() ? logger->QueueMessage(w) : logger->QueueMessage(n);
+        }).join();
         const std::string after = now(), content = (Drain(*logger), ReadFileBytes(m_base));
         EXPECT_EQ(lines, Payloads(m_base));
         std::smatch h;
-        EXPECT_TRUE(lines.empty() || (std::regex_search(content, h, kHeader) && before <= h.str(1) && h.str(1) <= after && std::stol(h.str(2)) == caller))
+        EXPECT_TRUE(lines.empty() || (std::regex_search(content, h, kHeader) && before <= h.str(1) &&
+                                      h.str(1) <= after && std::stol(h.str(2)) == caller))
             << content << " from thread " << caller << " between " << before << " and " << after;
     }
 }
@@ -140,8 +164,9 @@ TEST_F(LogTest, EveryLineQueuedBeforeCleanupIsWrittenWhole)
     for (std::size_t i = 2; i + 1 < lines.size(); ++i) {
         int t = -1;
         std::smatch header;
-        ASSERT_TRUE(std::regex_search(lines[i], header, kHeader) && std::sscanf(header.suffix().str().c_str(), "thread %d", &t) == 1 &&
-                    t >= 0 && t < kThreads) << lines[i];
+        ASSERT_TRUE(std::regex_search(lines[i], header, kHeader) &&
+                    std::sscanf(header.suffix().str().c_str(), "thread %d", &t) == 1 && t >= 0 && t < kThreads)
+            << lines[i];
         const std::string text = header.str() + "thread " + std::to_string(t) + " line " + std::to_string(next[t]);
         ASSERT_EQ(text, lines[i]);
         if (next[t]++ % 4 == 3) {
@@ -155,8 +180,9 @@ TEST_F(LogTest, EveryLineQueuedBeforeCleanupIsWrittenWhole)
 // the first numbered name until it is gone; the killed host's lines stay and the next one appends.
 TEST_F(LogTest, LockHolderInAnotherProcessSendsTheLogToTheNextName)
 {
-    ChildProcess shell({"/bin/sh", "-c", "exec 9>>\"$0\" && flock -x 9 && exec sleep 60", m_base}, m_dir.File("shell.out"));
-    ASSERT_TRUE(WaitUntil([&] {  // another process holds the lock
+    ChildProcess shell({"/bin/sh", "-c", "exec 9>>\"$0\" && flock -x 9 && exec sleep 60", m_base},
+                       m_dir.File("shell.out"));
+    ASSERT_TRUE(WaitUntil([&] { // another process holds the lock
         const int fd = open(m_base.c_str(), O_RDONLY | O_CLOEXEC);
         const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
         return close(fd), held;

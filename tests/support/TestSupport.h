@@ -29,7 +29,10 @@ inline std::string ReadFileBytes(const std::string& path)
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
-inline void WriteFileBytes(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+inline void WriteFileBytes(const std::string& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary) << bytes;
+}
 // Lines without "\n" or "\r\n"; a last line without its newline is kept, so a torn write shows.
 inline std::vector<std::string> SplitLines(const std::string& text)
 {
@@ -39,9 +42,11 @@ inline std::vector<std::string> SplitLines(const std::string& text)
         lines.push_back(line.substr(0, line.size() - (!line.empty() && line.back() == '\r')));
     return lines;
 }
-inline bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = std::chrono::seconds(10))  // polls every 10 ms
+inline bool WaitUntil(const std::function<bool()>& done,
+                      std::chrono::milliseconds limit = std::chrono::seconds(10)) // polls every 10 ms
 {
-    for (const auto end = std::chrono::steady_clock::now() + limit; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+    for (const auto end = std::chrono::steady_clock::now() + limit; !done();
+         std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         if (std::chrono::steady_clock::now() > end)
             return false;
     return true;
@@ -55,8 +60,8 @@ inline std::string Bytes(std::size_t size, unsigned seed)
     return out;
 }
 // The upload body with boundary `b` around the file's bytes: XML part "request_payload", then file part `field`.
-inline std::pair<std::string, std::string> MultipartFraming(const std::string& b, const std::string& xml, const std::string& field,
-                                                            const std::string& path)
+inline std::pair<std::string, std::string> MultipartFraming(const std::string& b, const std::string& xml,
+                                                            const std::string& field, const std::string& path)
 {
     return {"--" + b + "\r\nContent-Disposition: form-data; name=\"request_payload\"\r\n\r\n" + xml + "\r\n--" + b +
                 "\r\nContent-Disposition: form-data; name=\"" + field + "\"; filename=\"" + path +
@@ -64,8 +69,7 @@ inline std::pair<std::string, std::string> MultipartFraming(const std::string& b
             "\r\n--" + b + "--\r\n"};
 }
 // Drains `read(buffer, size)` as libcurl would, in sizes that straddle part edges, until it gives 0.
-template <class Read>
-std::string ReadInOddChunks(Read read)
+template <class Read> std::string ReadInOddChunks(Read read)
 {
     static const std::size_t kChunks[] = {1, 7, 3, 1000, 13, 65536};
     std::string out;
@@ -80,7 +84,7 @@ std::string ReadInOddChunks(Read read)
 
 // A fresh directory under $TMPDIR or /tmp, removed with its contents unless ORV_KEEP_TEST_FILES is set.
 class TempDirectory {
-public:
+  public:
     explicit TempDirectory(const std::string& prefix)
         : m_path(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/" + prefix + "-XXXXXX")
     {
@@ -91,14 +95,14 @@ public:
     const std::string& Path() const { return m_path; }
     std::string File(const std::string& name) const { return m_path + "/" + name; }
 
-private:
+  private:
     std::string m_path;
     std::error_code m_error;
 };
 
 // A helper program, its output to a file: SIGTERM when the thread that started it ends; stopped and reaped at the end.
 class ChildProcess {
-public:
+  public:
     ChildProcess(std::vector<std::string> argv, const std::string& outputFile)
     {
         std::vector<char*> args(argv.size() + 1, nullptr);
@@ -107,7 +111,7 @@ public:
         const pid_t parent = getpid();
         if (out < 0 || (m_pid = fork()) < 0)
             throw std::runtime_error("cannot start " + argv[0]);
-        if (m_pid == 0) {  // async-signal-safe calls only until exec
+        if (m_pid == 0) { // async-signal-safe calls only until exec
             if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent)
                 _exit(126);
             dup2(out, 1), dup2(out, 2), close_range(3, ~0U, 0), signal(SIGTERM, SIG_DFL);
@@ -122,33 +126,39 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     pid_t Pid() const { return m_pid; }
     bool Running() { return !(m_reaped = m_reaped || waitpid(m_pid, &m_status, WNOHANG) != 0); }
-    int Status() const { return m_reaped ? m_status : -1; }  // a wait status once the process has ended
+    int Status() const { return m_reaped ? m_status : -1; } // a wait status once the process has ended
     void Stop(std::chrono::milliseconds grace = std::chrono::seconds(5)) noexcept
     {
         if (Running() && (kill(m_pid, SIGTERM), !WaitUntil([this] { return !Running(); }, grace)))
             kill(m_pid, SIGKILL), waitpid(m_pid, &m_status, 0), m_reaped = true;
     }
 
-private:
+  private:
     pid_t m_pid = -1;
     bool m_reaped = false;
     int m_status = 0;
 };
 
 // Starts a peer that writes its port to dir/port once it listens ("{base}" in a Location is its own URL).
-inline unsigned short StartPeer(std::unique_ptr<ChildProcess>& process, const TempDirectory& dir, const std::vector<std::string>& argv)
+inline unsigned short StartPeer(std::unique_ptr<ChildProcess>& process, const TempDirectory& dir,
+                                const std::vector<std::string>& argv)
 {
     process = std::make_unique<ChildProcess>(argv, dir.File("output"));
-    if (!WaitUntil([&] { return !ReadFileBytes(dir.File("port")).empty() || !process->Running(); }, std::chrono::seconds(20)) || !process->Running())
+    if (!WaitUntil([&] { return !ReadFileBytes(dir.File("port")).empty() || !process->Running(); },
+                   std::chrono::seconds(20)) ||
+        !process->Running())
         throw std::runtime_error(argv[1] + " did not start: " + ReadFileBytes(dir.File("output")));
     return static_cast<unsigned short>(std::stoul(ReadFileBytes(dir.File("port"))));
 }
 
 // One scripted answer of the test server (http_test_server.py names every field). Strings are bytes.
 class Response {
-public:
+  public:
     explicit Response(int status = 200) { Set("status", std::to_string(status)); }
-    static Response Redirect(int status, const std::string& location) { return Response(status).Header("Location", location); }
+    static Response Redirect(int status, const std::string& location)
+    {
+        return Response(status).Header("Location", location);
+    }
     Response& Header(const std::string& name, const std::string& value)
     {
         return m_headers += (m_headers.empty() ? "[" : ", [") + Json(name) + ", " + Json(value) + "]", *this;
@@ -158,16 +168,23 @@ public:
     Response& RequireBasicAuth(const std::string& user, const std::string& password,
                                const std::string& challenge = "Basic realm=\"orvane-test\"")
     {
-        return Set("auth", "{\"user\": " + Json(user) + ", \"password\": " + Json(password) + ", \"challenge\": " + Json(challenge) + "}");
+        return Set("auth", "{\"user\": " + Json(user) + ", \"password\": " + Json(password) +
+                               ", \"challenge\": " + Json(challenge) + "}");
     }
     Response& AnswerBeforeBody() { return Set("read_body", "0"); }
     Response& ReadBodyBytes(std::uint64_t count) { return Set("read_body", std::to_string(count)); }
     Response& WithoutContinue() { return Set("continue", "\"skip\""); }
     // Stops reading at `bytes` body bytes until TestHttpServer::ReleaseHolds() or `limitSeconds`.
-    Response& HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds = 30) { return Set("hold_at", std::to_string(bytes)).Set("hold_limit", std::to_string(limitSeconds)); }
+    Response& HoldBodyAt(std::uint64_t bytes, unsigned limitSeconds = 30)
+    {
+        return Set("hold_at", std::to_string(bytes)).Set("hold_limit", std::to_string(limitSeconds));
+    }
     Response& CloseWithoutAnswer() { return Set("fault", "\"close\""); }
     Response& ResetWithoutAnswer() { return Set("fault", "\"reset\""); }
-    Response& TruncateBody(std::size_t sentBytes) { return Set("fault", "\"truncate\"").Set("truncate_at", std::to_string(sentBytes)); }
+    Response& TruncateBody(std::size_t sentBytes)
+    {
+        return Set("fault", "\"truncate\"").Set("truncate_at", std::to_string(sentBytes));
+    }
     std::string ToJson() const { return "{\"headers\": [" + m_headers + "]" + m_fields + "}"; }
     // A JSON string of bytes; bytes from 0x80 up pass unchanged (the server reads Latin-1).
     static std::string Json(const std::string& bytes)
@@ -175,41 +192,48 @@ public:
         std::string out = "\"";
         char escaped[8];
         for (unsigned char c : bytes)
-            out += c == '"' || c == '\\' || c < 0x20 ? (std::snprintf(escaped, 8, "\\u%04x", c), escaped) : std::string(1, char(c));
+            out += c == '"' || c == '\\' || c < 0x20 ? (std::snprintf(escaped, 8, "\\u%04x", c), escaped)
+                                                     : std::string(1, char(c));
         return out + "\"";
     }
 
-private:
-    Response& Set(const std::string& key, const std::string& json) { return m_fields += ", \"" + key + "\": " + json, *this; }
+  private:
+    Response& Set(const std::string& key, const std::string& json)
+    {
+        return m_fields += ", \"" + key + "\": " + json, *this;
+    }
     std::string m_headers, m_fields;
 };
 
 // Routes: the first whose method (if any) and path ('?': the whole target) match answers in turn; no route: 404.
 class Script {
-public:
+  public:
     Script& On(const std::string& path, const Response& response) { return Sequence(path, {response}); }
-    Script& On(const std::string& method, const std::string& path, const Response& response) { return Sequence(path, {response}, method); }
+    Script& On(const std::string& method, const std::string& path, const Response& response)
+    {
+        return Sequence(path, {response}, method);
+    }
     Script& Sequence(const std::string& path, const std::vector<Response>& responses, const std::string& method = {})
     {
-        m_json += std::string(m_json.empty() ? "" : ",\n") + "{\"path\": " + Response::Json(path) + ", \"method\": " +
-                  Response::Json(method) + ", \"responses\": [";
+        m_json += std::string(m_json.empty() ? "" : ",\n") + "{\"path\": " + Response::Json(path) +
+                  ", \"method\": " + Response::Json(method) + ", \"responses\": [";
         for (std::size_t i = 0; i < responses.size(); ++i)
             m_json += (i ? ", " : "") + responses[i].ToJson();
         return m_json += "]}", *this;
     }
     std::string ToJson() const { return "[" + m_json + "]\n"; }
 
-private:
+  private:
     std::string m_json;
 };
 
-struct RecordedRequest {  // one request as the test server received it
-    std::string method, target, head, body;  // head: request and header lines through the blank line
-    std::vector<std::pair<std::string, std::string>> headers;  // arrival order
+struct RecordedRequest {                                      // one request as the test server received it
+    std::string method, target, head, body;                   // head: request and header lines through the blank line
+    std::vector<std::pair<std::string, std::string>> headers; // arrival order
     bool bodyComplete = false, continueSent = false;
     std::uint64_t bodyLength = 0;
     std::string bodySha256;
-    int status = 0;  // of the answer; 0 when the server closed without one
+    int status = 0; // of the answer; 0 when the server closed without one
 
     std::optional<std::string> HeaderValue(const std::string& name) const
     {
@@ -239,21 +263,27 @@ struct RecordedRequest {  // one request as the test server received it
 };
 
 struct ServerOptions {
-    bool tls = false;          // a self-signed certificate for 127.0.0.1 (CertificateFile())
-    bool storeBodies = true;   // false: only the length, for uploads of GiBs
+    bool tls = false;        // a self-signed certificate for 127.0.0.1 (CertificateFile())
+    bool storeBodies = true; // false: only the length, for uploads of GiBs
 };
 
-// The scripted server on 127.0.0.1. A request answered early or abandoned by the client is recorded later (WaitForRequests).
+// The scripted server on 127.0.0.1. A request answered early or abandoned by the client is recorded later
+// (WaitForRequests).
 class TestHttpServer {
-public:
-    explicit TestHttpServer(const Script& script, const ServerOptions& options = {}) : m_dir("orv-http"), m_tls(options.tls)
+  public:
+    explicit TestHttpServer(const Script& script, const ServerOptions& options = {})
+        : m_dir("orv-http"), m_tls(options.tls)
     {
         WriteFileBytes(m_dir.File("script.json"), script.ToJson());
-        m_port = StartPeer(m_process, m_dir, {ORV_PYTHON, ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(),
-                                              m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0"});
+        m_port = StartPeer(m_process, m_dir,
+                           {ORV_PYTHON, ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(),
+                            m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0"});
     }
     unsigned short Port() const { return m_port; }
-    std::string BaseUrl() const { return std::string(m_tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(m_port); }
+    std::string BaseUrl() const
+    {
+        return std::string(m_tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(m_port);
+    }
     std::string Url(const std::string& pathAndQuery) const { return BaseUrl() + pathAndQuery; }
     std::string CertificateFile() const { return m_tls ? m_dir.File("cert.pem") : ""; }
     // The finished requests in order of arrival; one still being received is skipped.
@@ -266,14 +296,18 @@ public:
         return requests;
     }
     std::size_t RequestCount() const { return Requests(false).size(); }
-    bool WaitForHold() const { return WaitUntil([&] { return !ReadFileBytes(m_dir.File("held")).empty(); }); }
+    bool WaitForHold() const
+    {
+        return WaitUntil([&] { return !ReadFileBytes(m_dir.File("held")).empty(); });
+    }
     void ReleaseHolds() const { WriteFileBytes(m_dir.File("release"), ""); }
-    std::vector<RecordedRequest> WaitForRequests(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(10)) const
+    std::vector<RecordedRequest> WaitForRequests(std::size_t count,
+                                                 std::chrono::milliseconds limit = std::chrono::seconds(10)) const
     {
         return WaitUntil([&] { return RequestCount() >= count; }, limit), Requests();
     }
 
-private:
+  private:
     TempDirectory m_dir;
     bool m_tls;
     std::unique_ptr<ChildProcess> m_process;
@@ -284,46 +318,57 @@ private:
 // other variants; Qt reads them afresh at every query. Every test case runs in a process of its own.
 inline void SetProxyEnvironment(const std::string& proxyUrl, const std::string& noProxy = {})
 {
-    for (const char* name : {"http_proxy", "https_proxy", "no_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "NO_PROXY", "ALL_PROXY"})
+    for (const char* name :
+         {"http_proxy", "https_proxy", "no_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "NO_PROXY", "ALL_PROXY"})
         unsetenv(name);
-    for (const auto& [name, value] : {std::pair("http_proxy", proxyUrl), {"https_proxy", proxyUrl}, {"no_proxy", noProxy}})
+    for (const auto& [name, value] :
+         {std::pair("http_proxy", proxyUrl), {"https_proxy", proxyUrl}, {"no_proxy", noProxy}})
         value.empty() ? 0 : setenv(name, value.c_str(), 1);
 }
 
-struct ProxyOptions {  // non-empty: Basic credentials the proxy demands (no blanks or quotes)
+struct ProxyOptions { // non-empty: Basic credentials the proxy demands (no blanks or quotes)
     std::string user, password;
 };
 
 // tinyproxy on a free 127.0.0.1 port. A plain request it forwards carries "Via: 1.1 orv-test-proxy
 // (tinyproxy/...)"; an https one is tunnelled ("CONNECT 127.0.0.1:port HTTP/1.1" in RequestLines()).
 class TinyProxy {
-public:
+  public:
     explicit TinyProxy(const ProxyOptions& options = {}) : m_dir("orv-proxy")
     {
-        for (int attempt = 0; attempt < 5 && m_port == 0; ++attempt) {  // a free port, lost to another process at times
+        for (int attempt = 0; attempt < 5 && m_port == 0; ++attempt) { // a free port, lost to another process at times
             const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
             sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
             socklen_t length = sizeof address;
             bind(fd, reinterpret_cast<sockaddr*>(&address), length);
             getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
             close(fd);
-            WriteFileBytes(m_dir.File("conf"), "Port " + std::to_string(ntohs(address.sin_port)) + "\nListen 127.0.0.1\nTimeout 60\nLogFile \"" +
-                m_dir.File("log") + "\"\nLogLevel Info\nAllow 127.0.0.1\nViaProxyName \"orv-test-proxy\"\n" +
-                (options.user.empty() ? "" : "BasicAuth " + options.user + " " + options.password + "\n"));
+            WriteFileBytes(
+                m_dir.File("conf"),
+                "Port " + std::to_string(ntohs(address.sin_port)) + "\nListen 127.0.0.1\nTimeout 60\nLogFile \"" +
+                    m_dir.File("log") + "\"\nLogLevel Info\nAllow 127.0.0.1\nViaProxyName \"orv-test-proxy\"\n" +
+                    (options.user.empty() ? "" : "BasicAuth " + options.user + " " + options.password + "\n"));
             std::remove(m_dir.File("log").c_str());
-            m_process = std::make_unique<ChildProcess>(std::vector<std::string>{ORV_TINYPROXY, "-d", "-c", m_dir.File("conf")}, m_dir.File("out"));
-            if (WaitUntil([&] { return Log().find("Accepting connections") != std::string::npos || !m_process->Running(); }) && m_process->Running())
+            m_process = std::make_unique<ChildProcess>(
+                std::vector<std::string>{ORV_TINYPROXY, "-d", "-c", m_dir.File("conf")}, m_dir.File("out"));
+            if (WaitUntil([&] {
+                    return Log().find("Accepting connections") != std::string::npos || !m_process->Running();
+                }) &&
+                m_process->Running())
                 m_port = ntohs(address.sin_port);
         }
         if (m_port == 0)
             throw std::runtime_error("tinyproxy did not start: " + ReadFileBytes(m_dir.File("out")) + Log());
     }
     std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
-    std::vector<std::string> RequestLines() const { return Grep("]: Request (file descriptor "); }  // as sent, refused ones too
+    std::vector<std::string> RequestLines() const
+    {
+        return Grep("]: Request (file descriptor ");
+    } // as sent, refused ones too
     std::size_t ForwardedConnections() const { return Grep("Established connection to host").size(); }
     std::string Log() const { return ReadFileBytes(m_dir.File("log")); }
 
-private:
+  private:
     std::vector<std::string> Grep(const std::string& marker) const
     {
         std::vector<std::string> lines;
@@ -338,23 +383,32 @@ private:
 };
 
 using Utf16 = std::basic_string<unsigned short>;
-inline Utf16 U(const std::string& ascii) { return Utf16(ascii.begin(), ascii.end()); }
-inline std::string LastError() { return std::string(OrvGetLastErrorMessage(), OrvGetLastErrorMessage() + wcslen(OrvGetLastErrorMessage())); }
+inline Utf16 U(const std::string& ascii)
+{
+    return Utf16(ascii.begin(), ascii.end());
+}
+inline std::string LastError()
+{
+    return std::string(OrvGetLastErrorMessage(), OrvGetLastErrorMessage() + wcslen(OrvGetLastErrorMessage()));
+}
 
 // A connection handle, closed when it leaves its scope.
 class Connection {
-public:
+  public:
     Connection() = default;
     ~Connection() { OrvServerConnectionClose(m_handle); }
     Connection(const Connection&) = delete;
     ORV_RESULT Create() { return OrvServerConnectionCreate(&m_handle); }
-    ORV_RESULT Connect(const std::string& url, const std::string& user, const std::string& password, const std::string& site = "")
+    ORV_RESULT Connect(const std::string& url, const std::string& user, const std::string& password,
+                       const std::string& site = "")
     {
-        return OrvServerConnectionConnect(m_handle, U(url).c_str(), U(user).c_str(), U(password).c_str(), U(site).c_str());
+        return OrvServerConnectionConnect(m_handle, U(url).c_str(), U(user).c_str(), U(password).c_str(),
+                                          U(site).c_str());
     }
     ORV_RESULT Publish(const std::string& path, const std::string& project, const std::string& name, int overwrite)
     {
-        return OrvServerConnectionPublishExtract(m_handle, U(path).c_str(), U(project).c_str(), U(name).c_str(), overwrite);
+        return OrvServerConnectionPublishExtract(m_handle, U(path).c_str(), U(project).c_str(), U(name).c_str(),
+                                                 overwrite);
     }
     ORV_RESULT SetProxyCredentials(const std::string& user, const std::string& password)
     {
@@ -363,18 +417,22 @@ public:
     ORV_RESULT Close() { return OrvServerConnectionClose(std::exchange(m_handle, nullptr)); }
     void* Handle() const { return m_handle; }
 
-private:
+  private:
     void* m_handle = nullptr;
 };
 
 // tools/orvane-reference-server on loopback; by default user "demo" / "demo-password", project "Samples" on page 3.
 class ReferenceServer {
-public:
+  public:
     explicit ReferenceServer(const std::string& configJson = "") : m_dir("orv-reference")
     {
         WriteFileBytes(m_dir.File("config.json"), configJson);
-        std::vector<std::string> argv{ORV_PYTHON, ORV_SOURCE_DIR "/tools/orvane-reference-server", "--host", "127.0.0.1", "--port", "0",
-                                      "--port-file", m_dir.File("port"), "--data-dir", m_dir.File("data"), "--quiet"};
+        std::vector<std::string> argv{ORV_PYTHON,    ORV_SOURCE_DIR "/tools/orvane-reference-server",
+                                      "--host",      "127.0.0.1",
+                                      "--port",      "0",
+                                      "--port-file", m_dir.File("port"),
+                                      "--data-dir",  m_dir.File("data"),
+                                      "--quiet"};
         if (!configJson.empty())
             argv.insert(argv.end(), {"--config", m_dir.File("config.json")});
         m_port = StartPeer(m_process, m_dir, argv);
@@ -385,19 +443,21 @@ public:
     {
         std::error_code error;
         for (const auto& site : std::filesystem::directory_iterator(m_dir.File("data"), error))
-            if (site.path().filename().string()[0] != '.' && std::filesystem::is_regular_file(site.path() / project / (name + ".qrx")))
+            if (site.path().filename().string()[0] != '.' &&
+                std::filesystem::is_regular_file(site.path() / project / (name + ".qrx")))
                 return ReadFileBytes((site.path() / project / (name + ".qrx")).string());
         return std::nullopt;
     }
 
-private:
+  private:
     TempDirectory m_dir;
     std::unique_ptr<ChildProcess> m_process;
     int m_port = 0;
 };
 
 const char kToken[] = "T0K3N";
-const char kSignInReply[] = "<qsResponse><credentials token=\"T0K3N\"><site id=\"S1\" contentUrl=\"\"/><user id=\"U\"/></credentials></qsResponse>";
+const char kSignInReply[] = "<qsResponse><credentials token=\"T0K3N\"><site id=\"S1\" contentUrl=\"\"/><user "
+                            "id=\"U\"/></credentials></qsResponse>";
 const char kProjectsReply[] = "<qsResponse><pagination pageNumber=\"1\" pageSize=\"100\" totalAvailable=\"1\"/>"
                               "<projects><project name=\"Sales\" id=\"P1\"/></projects></qsResponse>";
 const char kPublishReply[] = "<qsResponse><datasource name=\"d\"><project id=\"P1\"/></datasource></qsResponse>";
@@ -411,40 +471,55 @@ inline Script PublishScript(const std::vector<Response>& uploads)
         .On("GET", "/api/2.0/sites/S1/projects", Response(200).Body(kProjectsReply))
         .Sequence(kUploadPath, uploads, "POST");
 }
-inline std::vector<RecordedRequest> Uploads(std::vector<RecordedRequest> r)  // the POSTs but the sign-in
+inline std::vector<RecordedRequest> Uploads(std::vector<RecordedRequest> r) // the POSTs but the sign-in
 {
-    return r.erase(std::remove_if(r.begin(), r.end(), [](auto& q) { return q.method != "POST" || q.Path() == "/api/2.0/auth/signin"; }), r.end()), r;
+    return r.erase(std::remove_if(r.begin(), r.end(),
+                                  [](auto& q) { return q.method != "POST" || q.Path() == "/api/2.0/auth/signin"; }),
+                   r.end()),
+           r;
 }
 // The upload body PublishScript's server expects around the file: data source `name` of project P1.
-inline std::pair<std::string, std::string> Framing(const std::string& boundary, const std::string& name, const std::string& path)
+inline std::pair<std::string, std::string> Framing(const std::string& boundary, const std::string& name,
+                                                   const std::string& path)
 {
-    return MultipartFraming(boundary, "<qsRequest><datasource name=\"" + name + "\" ><project id=\"P1\" /></datasource></qsRequest>", "orvane_datasource", path);
+    return MultipartFraming(
+        boundary, "<qsRequest><datasource name=\"" + name + "\" ><project id=\"P1\" /></datasource></qsRequest>",
+        "orvane_datasource", path);
 }
 inline std::uint64_t BodyLength(const std::string& name, const std::string& path, std::uint64_t fileSize)
 {
     const auto framing = Framing(std::string(40, '-'), name, path);
     return framing.first.size() + fileSize + framing.second.size();
 }
-inline std::string BoundaryOf(const RecordedRequest& upload) { return upload.HeaderValue("Content-Type").value_or("").substr(26); }
+inline std::string BoundaryOf(const RecordedRequest& upload)
+{
+    return upload.HeaderValue("Content-Type").value_or("").substr(26);
+}
 
 // Each test with its log in a scratch directory and no proxy; Start() starts the library.
 class LibraryTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { OrvServerAPICleanup(); }
     void Start() { ASSERT_EQ(ORV_RESULT_Success, OrvServerAPIInitialize()); }
-    std::string Extract(const std::string& name, const std::string& bytes) { return WriteFileBytes(m_dir.File(name), bytes), m_dir.File(name); }
-    std::string StopAndReadLog()  // Cleanup writes every queued line before it returns
+    std::string Extract(const std::string& name, const std::string& bytes)
+    {
+        return WriteFileBytes(m_dir.File(name), bytes), m_dir.File(name);
+    }
+    std::string StopAndReadLog() // Cleanup writes every queued line before it returns
     {
         EXPECT_EQ(ORV_RESULT_Success, OrvServerAPICleanup());
         return ReadFileBytes(m_dir.File("OrvaneSDKServer.log"));
     }
     TempDirectory m_dir{"orv-capi"};
-    int m_environment = (SetProxyEnvironment("", "127.0.0.1,localhost"), setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1));
+    int m_environment =
+        (SetProxyEnvironment("", "127.0.0.1,localhost"), setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1));
 };
 class StartedTest : public LibraryTest {
-protected:
+  protected:
     void SetUp() override { Start(); }
 };
 
-}  // namespace OrvaneTest
-namespace CapiTest { using namespace OrvaneTest; }  // the exported-API tests' namespace
+} // namespace OrvaneTest
+namespace CapiTest {
+using namespace OrvaneTest;
+} // namespace CapiTest
