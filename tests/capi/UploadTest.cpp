@@ -183,3 +183,37 @@ TEST_F(UploadTest, BodyOver4GiBArrivesWithItsAnnouncedLength)
                          "orvane_datasource", path);
     EXPECT_EQ(framing.first.size() + size + framing.second.size(), upload.bodyLength);
 }
+
+// The extract changes on disk while the server holds the upload at 1 MiB: a file that grows is
+// sent as long as it was announced; one that shrinks fails as "Unknown error", and the log says why.
+TEST_F(UploadTest, ExtractChangingDuringTheUpload)
+{
+    const struct {
+        const char* change;
+        std::uint64_t newSize;
+        Outcome expected;
+    } rows[] = {{"grows", 40 * kMiB, kOk}, {"shrinks", 8 * kMiB, {ORV_RESULT_UnknownError, "Unknown error"}}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.change);
+        TestHttpServer server(PublishScript({Response(201).Body(kPublishReply).HoldBodyAt(kMiB, 20)}));
+        const std::string path = Extract(std::string(row.change) + ".qrx", Bytes(32 * kMiB, 2));
+        Connection c;
+        ASSERT_TRUE(c.Create() == ORV_RESULT_Success && c.Connect(server.BaseUrl(), "u", "pw") == ORV_RESULT_Success);
+        Outcome outcome;
+        std::thread caller([&] {
+            OrvSetLastErrorMessage(L"untouched");
+            outcome = {c.Publish(path, "Sales", "d", 0), LastError()};
+        });
+        EXPECT_TRUE(server.WaitForHold());
+        std::filesystem::resize_file(path, row.newSize);
+        server.ReleaseHolds();
+        caller.join();
+        EXPECT_EQ(row.expected, outcome);
+        const std::vector<RecordedRequest> uploads = Uploads(server.WaitForRequests(3));
+        ASSERT_EQ(1u, uploads.size());
+        EXPECT_EQ(row.expected == kOk, uploads[0].bodyComplete);
+        EXPECT_EQ(BodyLength("d", path, 32 * kMiB),
+                  std::stoull(uploads[0].HeaderValue("Content-Length").value_or("0")));
+    }
+    EXPECT_NE(std::string::npos, StopAndReadLog().find("): Error: Failed to read from file: "));
+}

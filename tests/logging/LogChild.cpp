@@ -1,5 +1,6 @@
 // The second process of the log-lock tests: starts the library (its log where ORV_SDK_LOGDIR says)
-// and logs MESSAGE; then "log" stops and ends, "hold" waits a minute at most to be killed.
+// and logs MESSAGE; then "log" stops and ends, "exit" ends without stopping, "hold" waits a minute
+// at most to be killed.
 #include "capi/ServerAPI.h"
 #include "logging/Logger.h"
 
@@ -14,5 +15,5 @@ int main(int argc, char** argv)
         OrvaneInternal::ServerAPI::Cleanup();
     for (int second = 0; mode == "hold" && second < 60; ++second)
         sleep(1);
-    return mode == "log" || mode == "hold" ? 0 : 2;
+    return mode == "log" || mode == "exit" || mode == "hold" ? 0 : 2;
 }

@@ -49,11 +49,11 @@ Strings RunLines(long pid, const Strings& middle, bool cleanup = true)
 
 class LogTest : public ::testing::Test {
   protected:
-    // Runs orv_log_child with `args` to its end; its pid.
-    long RunChild(const std::vector<std::string>& args)
+    // Runs orv_log_child (or, with logChild false, the program args names) with `args` to its end; its pid.
+    long RunChild(const std::vector<std::string>& args, bool logChild = true)
     {
-        std::vector<std::string> argv{ORV_LOG_CHILD};
-        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<std::string> argv{logChild ? ORV_LOG_CHILD : args[0]};
+        argv.insert(argv.end(), args.begin() + (logChild ? 0 : 1), args.end());
         ChildProcess child(argv, m_dir.File("child.out"));
         WaitUntil([&] { return !child.Running(); }, std::chrono::seconds(20));
         child.Stop();
@@ -199,4 +199,23 @@ TEST_F(LogTest, LockHolderInAnotherProcessSendsTheLogToTheNextName)
     for (const std::string& line : RunLines(after, {"after the host"}))
         expected.push_back(line);
     EXPECT_EQ(expected, Payloads(m_base));
+}
+
+// A host that returns without Cleanup still gets its last line written. With ORV_SDK_LOGDIR unset,
+// empty, naming no directory or naming a file, the log goes to the current directory.
+TEST_F(LogTest, LastLineWithoutCleanupAndTheCurrentDirectoryAsFallback)
+{
+    const long host = RunChild({"exit", "no cleanup"});
+    EXPECT_EQ(RunLines(host, {"no cleanup"}, false), Payloads(m_base));
+    TempDirectory current("orv-cwd");
+    const std::string plainFile = m_dir.File("plain");
+    WriteFileBytes(plainFile, "");
+    for (const char* value : {static_cast<const char*>(nullptr), "", "/nonexistent/orv", plainFile.c_str()}) {
+        SCOPED_TRACE(value == nullptr ? "unset" : value);
+        value == nullptr ? unsetenv("ORV_SDK_LOGDIR") : setenv("ORV_SDK_LOGDIR", value, 1);
+        const long pid =
+            RunChild({"/bin/sh", "-c", "cd \"$0\" && exec \"$1\" log fallback", current.Path(), ORV_LOG_CHILD}, false);
+        EXPECT_EQ(RunLines(pid, {"fallback"}), Payloads(current.File("OrvaneSDKServer.log")));
+        std::filesystem::remove(current.File("OrvaneSDKServer.log"));
+    }
 }
