@@ -25,10 +25,8 @@ def fmt(value):
 
 
 def cell(s):
-    if s is None:
-        return "-"
-    if s["n"] <= 1 or s["min"] == s["max"]:
-        return fmt(s["median"])
+    if s is None or s["n"] <= 1 or s["min"] == s["max"]:
+        return "-" if s is None else fmt(s["median"])
     return "%s [%s-%s]" % (fmt(s["median"]), fmt(s["min"]), fmt(s["max"]))
 
 
