@@ -85,6 +85,20 @@ inline ServerConnection* Session(void* handle)
     return static_cast<ServerConnection*>(handle);
 }
 
+// The common shape of a function on a handle: the handle looked up, then
+// `operation` applied to its session inside the handler.
+template <class Operation>
+ORV_RESULT OnSession(void* handle, Operation&& operation)
+{
+    return Guarded([&] {
+        ServerConnection* session = Session(handle);
+        if (session == nullptr)
+            return ORV_RESULT_BadHandle;
+        operation(*session);
+        return ORV_RESULT_Success;
+    });
+}
+
 inline std::wstring Wide(const unsigned short* text)
 {
     return StringUtils::ToStdString(text);

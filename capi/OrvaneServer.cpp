@@ -60,12 +60,8 @@ ORV_RESULT OrvServerConnectionConnect(void* handle, const unsigned short* host, 
     if (Missing(host, L"Invalid argument 'host'") || Missing(username, L"Invalid argument 'username'") ||
         Missing(password, L"Invalid argument 'password'") || Missing(siteID, L"Invalid argument 'siteID'"))
         return ORV_RESULT_InvalidArgument;
-    return Guarded([&] {
-        ServerConnection* session = Session(handle);
-        if (session == nullptr)
-            return ORV_RESULT_BadHandle;
-        session->Connect(Wide(host), Wide(username), Wide(password), Wide(siteID));
-        return ORV_RESULT_Success;
+    return OnSession(handle, [&](ServerConnection& session) {
+        session.Connect(Wide(host), Wide(username), Wide(password), Wide(siteID));
     });
 }
 
@@ -76,23 +72,15 @@ ORV_RESULT OrvServerConnectionPublishExtract(void* handle, const unsigned short*
     if (Missing(path, L"Invalid argument 'path'") || Missing(projectName, L"Invalid argument 'projectName'") ||
         Missing(datasourceName, L"Invalid argument 'datasourceName'"))
         return ORV_RESULT_InvalidArgument;
-    return Guarded([&] {
-        ServerConnection* session = Session(handle);
-        if (session == nullptr)
-            return ORV_RESULT_BadHandle;
-        session->PublishExtract(Wide(path), Wide(projectName), Wide(datasourceName), overwrite != 0);
-        return ORV_RESULT_Success;
+    return OnSession(handle, [&](ServerConnection& session) {
+        session.PublishExtract(Wide(path), Wide(projectName), Wide(datasourceName), overwrite != 0);
     });
 }
 
 ORV_RESULT OrvServerConnectionDisconnect(void* handle)
 {
-    return Guarded([&] {
-        ServerConnection* session = Session(handle);
-        if (session == nullptr)
-            return ORV_RESULT_BadHandle;
-        session->Disconnect();
-        return ORV_RESULT_Success;
+    return OnSession(handle, [&](ServerConnection& session) {
+        session.Disconnect();
     });
 }
 
@@ -108,12 +96,8 @@ ORV_RESULT OrvServerConnectionSetProxyCredentials(void* handle, const unsigned s
 {
     if (Missing(username, L"Invalid argument 'username'") || Missing(password, L"Invalid argument 'password'"))
         return ORV_RESULT_InvalidArgument;
-    return Guarded([&] {
-        ServerConnection* session = Session(handle);
-        if (session == nullptr)
-            return ORV_RESULT_BadHandle;
-        session->SetProxyCredentials(Wide(username), Wide(password));
-        return ORV_RESULT_Success;
+    return OnSession(handle, [&](ServerConnection& session) {
+        session.SetProxyCredentials(Wide(username), Wide(password));
     });
 }
 

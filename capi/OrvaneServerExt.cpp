@@ -30,20 +30,6 @@ namespace {
 constexpr long kSmallestUploadBuffer = 16 * 1024;        // libcurl's limits
 constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
 
-// The common shape of the functions below: a handle, then `change` applied to
-// its session.
-template <class Change>
-ORV_RESULT OnSession(void* handle, Change&& change)
-{
-    return Guarded([&] {
-        ServerConnection* session = Session(handle);
-        if (session == nullptr)
-            return ORV_RESULT_BadHandle;
-        change(*session);
-        return ORV_RESULT_Success;
-    });
-}
-
 bool OutOfRange(bool refused, const wchar_t* message)
 {
     if (refused)

@@ -44,12 +44,6 @@ struct EasyDeleter {
 };
 using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
 
-template <class T>
-void SetOpt(CURL* handle, CURLoption option, T value)
-{
-    Check(curl_easy_setopt(handle, option, value));
-}
-
 void AppendHeader(CurlHeaderList& headers, const std::string& line)
 {
     curl_slist* grown = curl_slist_append(headers.get(), line.c_str());

@@ -29,4 +29,10 @@ inline void Check(CURLcode code)
         throw CurlNetworkException(code);
 }
 
+template <class T>
+void SetOpt(CURL* handle, CURLoption option, T value)
+{
+    Check(curl_easy_setopt(handle, option, value));
+}
+
 }  // namespace OrvaneInternal

@@ -8,14 +8,6 @@ namespace OrvaneInternal {
 
 namespace {
 
-template <class T>
-void SetOpt(CURL* handle, CURLoption option, T value)
-{
-    const CURLcode code = curl_easy_setopt(handle, option, value);
-    if (code != CURLE_OK)
-        throw CurlNetworkException(code);
-}
-
 bool IsDirectory(const std::string& path)
 {
     struct stat status {};
