@@ -38,7 +38,7 @@ inline void LogUnknownError()
         try {
             throw;
         } catch (RestIO::RestIOException& e) {
-            reason = e.what();  // its text is only on the non-const what()
+            reason = e.what(); // its text is only on the non-const what()
         } catch (const std::exception& e) {
             reason = e.what();
         } catch (...) {
@@ -50,8 +50,7 @@ inline void LogUnknownError()
     }
 }
 
-template <class Operation>
-ORV_RESULT Guarded(Operation&& operation)
+template <class Operation> ORV_RESULT Guarded(Operation&& operation)
 {
     try {
         return operation();
@@ -87,8 +86,7 @@ inline ServerConnection* Session(void* handle)
 
 // The common shape of a function on a handle: the handle looked up, then
 // `operation` applied to its session inside the handler.
-template <class Operation>
-ORV_RESULT OnSession(void* handle, Operation&& operation)
+template <class Operation> ORV_RESULT OnSession(void* handle, Operation&& operation)
 {
     return Guarded([&] {
         ServerConnection* session = Session(handle);
@@ -104,6 +102,6 @@ inline std::wstring Wide(const unsigned short* text)
     return StringUtils::ToStdString(text);
 }
 
-}  // namespace OrvaneInternal::Exported
+} // namespace OrvaneInternal::Exported
 
-#endif  // ORVANE_CAPI_EXPORTEDCALL_H
+#endif // ORVANE_CAPI_EXPORTEDCALL_H

@@ -22,7 +22,7 @@ int OrvHandleClose(void* handle)
     return OrvGetHandleRepository().removeHandle(handle) ? ORV_RESULT_Success : ORV_RESULT_BadHandle;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal
 
 extern "C" {
 
@@ -66,8 +66,8 @@ ORV_RESULT OrvServerConnectionConnect(void* handle, const unsigned short* host, 
 }
 
 ORV_RESULT OrvServerConnectionPublishExtract(void* handle, const unsigned short* path,
-                                             const unsigned short* projectName,
-                                             const unsigned short* datasourceName, int overwrite)
+                                             const unsigned short* projectName, const unsigned short* datasourceName,
+                                             int overwrite)
 {
     if (Missing(path, L"Invalid argument 'path'") || Missing(projectName, L"Invalid argument 'projectName'") ||
         Missing(datasourceName, L"Invalid argument 'datasourceName'"))
@@ -79,9 +79,7 @@ ORV_RESULT OrvServerConnectionPublishExtract(void* handle, const unsigned short*
 
 ORV_RESULT OrvServerConnectionDisconnect(void* handle)
 {
-    return OnSession(handle, [&](ServerConnection& session) {
-        session.Disconnect();
-    });
+    return OnSession(handle, [&](ServerConnection& session) { session.Disconnect(); });
 }
 
 ORV_RESULT OrvServerConnectionClose(void* handle)
@@ -96,9 +94,8 @@ ORV_RESULT OrvServerConnectionSetProxyCredentials(void* handle, const unsigned s
 {
     if (Missing(username, L"Invalid argument 'username'") || Missing(password, L"Invalid argument 'password'"))
         return ORV_RESULT_InvalidArgument;
-    return OnSession(handle, [&](ServerConnection& session) {
-        session.SetProxyCredentials(Wide(username), Wide(password));
-    });
+    return OnSession(handle,
+                     [&](ServerConnection& session) { session.SetProxyCredentials(Wide(username), Wide(password)); });
 }
 
-}  // extern "C"
+} // extern "C"

@@ -27,7 +27,7 @@ static_assert(static_cast<int>(ORV_RESULT_Cancelled) == static_cast<int>(ServerE
 
 namespace {
 
-constexpr long kSmallestUploadBuffer = 16 * 1024;        // libcurl's limits
+constexpr long kSmallestUploadBuffer = 16 * 1024; // libcurl's limits
 constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
 
 bool OutOfRange(bool refused, const wchar_t* message)
@@ -37,7 +37,7 @@ bool OutOfRange(bool refused, const wchar_t* message)
     return refused;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" {
 
@@ -115,8 +115,7 @@ ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* status)
 {
     if (Missing(status, L"Invalid argument 'status'"))
         return ORV_RESULT_InvalidArgument;
-    return OnSession(handle,
-                     [&](ServerConnection& session) { *status = static_cast<long>(session.GetLastStatus()); });
+    return OnSession(handle, [&](ServerConnection& session) { *status = static_cast<long>(session.GetLastStatus()); });
 }
 
 ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reason)
@@ -126,4 +125,4 @@ ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reas
     return OnSession(handle, [&](ServerConnection& session) { *reason = session.GetLastReason().c_str(); });
 }
 
-}  // extern "C"
+} // extern "C"

@@ -17,7 +17,7 @@ bool initialized = false;
 // The writer of the installed file logger. After Cleanup it keeps its ended
 // thread; the next start-up replaces it.
 RefCntPtr<Thread> loggerThread;
-long writerProcess = 0;  // the process that started loggerThread
+long writerProcess = 0; // the process that started loggerThread
 bool exitHookRegistered = false;
 
 // Releasing a writer that still runs would join a thread that waits for lines
@@ -38,7 +38,7 @@ void StopWriterAtExit()
     loggerThread->Join();
 }
 
-}  // namespace
+} // namespace
 
 void ServerAPI::Initialize()
 {
@@ -62,8 +62,8 @@ void ServerAPI::Cleanup()
     if (loggerThread)
         loggerThread->Join();
     else
-        logger->Run();  // no writer of its own: drain on this thread, so Cleanup still leaves nothing unwritten
+        logger->Run(); // no writer of its own: drain on this thread, so Cleanup still leaves nothing unwritten
     initialized = false;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -7,7 +7,7 @@
 namespace OrvaneInternal {
 
 class ServerAPI {
-public:
+  public:
     // Opens the log and starts its writer, then libcurl's global state; does
     // nothing once started. Throws what fails: QRX_InvalidArgument from the log
     // set-up, ServerException 400 from libcurl's start. The library then stays
@@ -19,4 +19,4 @@ public:
     static void Cleanup();
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -17,17 +17,17 @@
 #define ORV_COMMON_CLASS __attribute__((visibility("default")))
 
 class ORV_COMMON_CLASS HandleRepository {
-public:
+  public:
     using Map = tbb::concurrent_unordered_map<void*, boost::any, std::hash<void*>>;
 
     class ORV_COMMON_CLASS scoped_read_lock {
-    public:
+      public:
         explicit scoped_read_lock(tbb::spin_rw_mutex& mutex);
         ~scoped_read_lock();
         scoped_read_lock(const scoped_read_lock&) = delete;
         scoped_read_lock& operator=(const scoped_read_lock&) = delete;
 
-    private:
+      private:
         tbb::spin_rw_mutex::scoped_lock m_lock;
     };
 
@@ -40,8 +40,7 @@ public:
     // and the object not adopted, when its address is registered already. On
     // an exception (out of memory) the object has been deleted; if that came
     // after the insertion, the entry keeps a placeholder.
-    template <class T>
-    bool registerHandle(T* object);
+    template <class T> bool registerHandle(T* object);
 
     Map m_handles;
     tbb::spin_rw_mutex m_lock;
@@ -49,15 +48,14 @@ public:
 
 ORV_COMMON_CLASS HandleRepository& OrvGetHandleRepository();
 
-template <class T>
-bool HandleRepository::registerHandle(T* object)
+template <class T> bool HandleRepository::registerHandle(T* object)
 {
     scoped_read_lock lock(m_lock);
     std::pair<Map::iterator, bool> inserted;
     try {
         inserted = m_handles.insert(Map::value_type(static_cast<void*>(object), boost::any(0)));
     } catch (...) {
-        delete object;  // on any exception the object is gone, never left to the caller
+        delete object; // on any exception the object is gone, never left to the caller
         throw;
     }
     if (!inserted.second)

@@ -22,11 +22,11 @@ std::wstring LogDirectory()
     try {
         return Unicode::ToWideChar(value).str();
     } catch (const QRX_RuntimeError&) {
-        return std::wstring();  // not UTF-8: no directory we can name, so the current one is used
+        return std::wstring(); // not UTF-8: no directory we can name, so the current one is used
     }
 }
 
-}  // namespace
+} // namespace
 
 void InitializeLogger(RefCntPtr<Thread>& loggerThread)
 {
@@ -45,9 +45,9 @@ void InitializeLogger(RefCntPtr<Thread>& loggerThread)
     Logger::Init(logger);
     RefCntPtr<Thread> thread(new Thread(RefCntPtr<Runnable>(logger)));
     thread->Start();
-    loggerThread = thread;  // releases the previous writer, and with it the previous logger and its lock
+    loggerThread = thread; // releases the previous writer, and with it the previous logger and its lock
 
     Logger::Get()->QueueMessage("pid=" + std::to_string(OS::getpid()) + "----------------------------------");
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

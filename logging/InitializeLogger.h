@@ -21,4 +21,4 @@ namespace OrvaneInternal {
 // installed logger are then left as they were.
 void InitializeLogger(RefCntPtr<Thread>& loggerThread);
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -30,7 +30,7 @@ char* PutField(char* out, int value, int width)
     return PutDigits(out, static_cast<unsigned long>(-static_cast<long>(value)), width - 1);
 }
 
-}  // namespace
+} // namespace
 
 LineHeader::LineHeader(const datetime& time, unsigned long threadId)
 {
@@ -53,4 +53,4 @@ LineHeader::LineHeader(const datetime& time, unsigned long threadId)
     m_length = static_cast<std::size_t>(p - m_text);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -11,18 +11,18 @@
 namespace OrvaneInternal {
 
 class LineHeader {
-public:
+  public:
     // Every field as printf's "%0*d" would print it, the year unpadded;
     // values the clock never gives (negative ones) come out as printf has them.
     LineHeader(const datetime& time, unsigned long threadId);
 
     std::string_view View() const { return std::string_view(m_text, m_length); }
 
-private:
+  private:
     // Seven int fields of up to 11 characters each, a 20-digit thread id and
     // 11 characters of punctuation.
     char m_text[112];
     std::size_t m_length;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

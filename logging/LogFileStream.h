@@ -12,18 +12,18 @@
 namespace OrvaneInternal {
 
 class LogFileStream : public std::ostream {
-public:
+  public:
     // Takes ownership of `fd`.
     explicit LogFileStream(int fd) : std::ostream(nullptr), m_buffer(fd, std::ios_base::out | std::ios_base::app)
     {
         if (m_buffer.is_open())
             rdbuf(&m_buffer);
         else
-            ::close(fd);  // rdbuf stays null, so the stream reports bad
+            ::close(fd); // rdbuf stays null, so the stream reports bad
     }
 
-private:
+  private:
     __gnu_cxx::stdio_filebuf<char> m_buffer;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -12,8 +12,7 @@ namespace OrvaneInternal {
 namespace {
 
 // Calls `emit(line)` for every line of `text`.
-template <class Char, class Emit>
-void ForEachLine(std::basic_string_view<Char> text, Emit emit)
+template <class Char, class Emit> void ForEachLine(std::basic_string_view<Char> text, Emit emit)
 {
     std::size_t start = 0;
     while (start < text.size()) {
@@ -29,8 +28,7 @@ void ForEachLine(std::basic_string_view<Char> text, Emit emit)
 
 // Widens in place: appending from a range of another character type would
 // first build a temporary wide string, one more allocation per line.
-template <class Char>
-void AppendWidened(std::wstring& out, std::basic_string_view<Char> text)
+template <class Char> void AppendWidened(std::wstring& out, std::basic_string_view<Char> text)
 {
     const std::size_t at = out.size();
     out.resize(at + text.size());
@@ -38,8 +36,7 @@ void AppendWidened(std::wstring& out, std::basic_string_view<Char> text)
 }
 
 // Narrow text must be ASCII here and is widened unit by unit.
-template <class Char>
-std::wstring Lines(std::string_view header, std::basic_string_view<Char> text)
+template <class Char> std::wstring Lines(std::string_view header, std::basic_string_view<Char> text)
 {
     std::wstring out;
     out.reserve(header.size() + text.size() + 1);
@@ -51,7 +48,7 @@ std::wstring Lines(std::string_view header, std::basic_string_view<Char> text)
     return out;
 }
 
-}  // namespace
+} // namespace
 
 std::wstring LinesOf(std::string_view header, std::wstring_view message)
 {
@@ -82,4 +79,4 @@ std::wstring LinesOf(std::string_view header, const std::string& message)
     return out;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -13,4 +13,4 @@ std::wstring LinesOf(std::string_view header, std::wstring_view message);
 // WidenBytes) while the message's good lines still come out as text.
 std::wstring LinesOf(std::string_view header, const std::string& message);
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -8,7 +8,7 @@ namespace {
 
 // Accepts everything and writes nothing; stands in until a logger is installed.
 class NullLogger : public Logger {
-public:
+  public:
     void Run() override {}
     void QueueMessage(std::wistream&) override {}
     void QueueMessage(std::istream&) override {}
@@ -18,12 +18,12 @@ public:
     void QueueStop() override {}
     const std::wstring& GetBaseFilePath() const override
     {
-        static const std::wstring* const empty = new std::wstring();  // lives for the process
+        static const std::wstring* const empty = new std::wstring(); // lives for the process
         return *empty;
     }
 };
 
-}  // namespace
+} // namespace
 
 RefCntPtr<Logger> Logger::s_instance;
 
@@ -58,4 +58,4 @@ std::ostream& operator<<(std::ostream& out, const msec& value)
     return out;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -14,10 +14,10 @@
 namespace OrvaneInternal {
 
 class Logger : public Runnable {
-public:
+  public:
     ~Logger() override = default;
 
-    void Run() override = 0;  // the writer loop
+    void Run() override = 0; // the writer loop
     virtual void QueueMessage(std::wistream& in) = 0;
     virtual void QueueMessage(std::istream& in) = 0;
     virtual void QueueMessage(const std::wstring& message) = 0;
@@ -34,8 +34,8 @@ public:
     // everything; never writes the slot, so it is safe on any thread.
     static RefCntPtr<Logger> Get();
 
-private:
+  private:
     static RefCntPtr<Logger> s_instance;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -41,12 +41,12 @@ std::string EncodeUtf8Lossy(std::wstring_view text)
     return out;
 }
 
-}  // namespace
+} // namespace
 
 std::string EncodeUtf8(const std::wstring& text)
 {
     if (std::all_of(text.begin(), text.end(), [](wchar_t c) { return c >= 0 && c < 0x80; }))
-        return std::string(text.begin(), text.end());  // most log text; no converter needed
+        return std::string(text.begin(), text.end()); // most log text; no converter needed
     try {
         return Unicode::ToUTF8(text).str();
     } catch (const QRX_RuntimeError&) {
@@ -72,4 +72,4 @@ bool IsAscii(std::string_view text)
     return true;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

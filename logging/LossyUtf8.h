@@ -22,4 +22,4 @@ std::wstring WidenBytes(std::string_view line);
 
 bool IsAscii(std::string_view text);
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -18,8 +18,7 @@ bool SimpleLogger::s_utc = false;
 
 namespace {
 
-template <class Char>
-std::basic_string<Char> ReadRest(std::basic_istream<Char>& in)
+template <class Char> std::basic_string<Char> ReadRest(std::basic_istream<Char>& in)
 {
     std::basic_string<Char> text;
     if (in)
@@ -27,7 +26,7 @@ std::basic_string<Char> ReadRest(std::basic_istream<Char>& in)
     return text;
 }
 
-}  // namespace
+} // namespace
 
 SimpleLogger::SimpleLogger(const std::wstring& path, unsigned int rotateSeconds)
     : m_rotateSeconds(rotateSeconds), m_baseFilePath(path)
@@ -44,7 +43,7 @@ SimpleLogger::~SimpleLogger()
     std::wstring* text = nullptr;
     while (m_queue.try_pop(text))
         delete text;
-    m_stream.reset();  // flush and close before the lock goes
+    m_stream.reset(); // flush and close before the lock goes
     if (m_lockFile)
         std::fclose(m_lockFile);
 }
@@ -57,7 +56,7 @@ std::string SimpleLogger::FormatHeader(const datetime& time, unsigned long threa
 std::wstring SimpleLogger::FormatHeaderW(const datetime& time, unsigned long threadId)
 {
     const LineHeader header(time, threadId);
-    return std::wstring(header.View().begin(), header.View().end());  // the header is ASCII
+    return std::wstring(header.View().begin(), header.View().end()); // the header is ASCII
 }
 
 datetime SimpleLogger::GetTimestamp()
@@ -65,8 +64,7 @@ datetime SimpleLogger::GetTimestamp()
     return s_utc ? datetime::utc() : datetime::now();
 }
 
-template <class Text>
-void SimpleLogger::Queue(const Text& message) noexcept
+template <class Text> void SimpleLogger::Queue(const Text& message) noexcept
 {
     try {
         Push(LinesOf(LineHeader(GetTimestamp(), CurrentThreadId()).View(), message));
@@ -75,8 +73,14 @@ void SimpleLogger::Queue(const Text& message) noexcept
     }
 }
 
-void SimpleLogger::QueueMessage(const std::wstring& message) { Queue(message); }
-void SimpleLogger::QueueMessage(const std::string& message) { Queue(message); }
+void SimpleLogger::QueueMessage(const std::wstring& message)
+{
+    Queue(message);
+}
+void SimpleLogger::QueueMessage(const std::string& message)
+{
+    Queue(message);
+}
 
 void SimpleLogger::QueueMessage(std::wistream& in)
 {
@@ -100,7 +104,7 @@ void SimpleLogger::Push(std::wstring text)
 {
     std::unique_ptr<std::wstring> entry(new std::wstring(std::move(text)));
     m_queue.push(entry.get());
-    entry.release();  // the queue owns it now
+    entry.release(); // the queue owns it now
 }
 
 void SimpleLogger::QueueStop()
@@ -161,4 +165,4 @@ void SimpleLogger::RotateCheck()
     m_rotateTimer.Reset();
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

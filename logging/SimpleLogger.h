@@ -31,7 +31,7 @@
 namespace OrvaneInternal {
 
 class SimpleLogger : public Logger {
-public:
+  public:
     // Takes the file at once; throws QRX_InvalidArgument (40463) when neither
     // `path` nor any of its numbered siblings can be opened and locked.
     SimpleLogger(const std::wstring& path, unsigned int rotateSeconds);
@@ -59,28 +59,27 @@ public:
     // Nothing in the library sets it; it exists for hosts that want UTC logs.
     static bool s_utc;
 
-private:
+  private:
     // The file side (SimpleLoggerFile.cpp): false when neither the name nor
     // any numbered sibling can be opened and locked.
     bool Open(const std::wstring& path);
     bool OpenUniqueName(const std::wstring& name);
     bool OpenMaybeTruncate(const std::wstring& name);
 
-    template <class Text>
-    void Queue(const Text& message) noexcept;
+    template <class Text> void Queue(const Text& message) noexcept;
     void Push(std::wstring text);
     void RotateCheck();
     void Write(const std::string& bytes);
 
     std::unique_ptr<std::ostream> m_stream;
-    tbb::concurrent_bounded_queue<std::wstring*> m_queue;  // owns its entries; null is the stop signal
+    tbb::concurrent_bounded_queue<std::wstring*> m_queue; // owns its entries; null is the stop signal
     Timer m_rotateTimer;
     uint32_t m_rotateSeconds;
-    FILE* m_lockFile = nullptr;  // read handle that holds the flock on the current file
+    FILE* m_lockFile = nullptr; // read handle that holds the flock on the current file
     std::wstring m_baseFilePath;
     // Flush may come from another thread while the writer writes or replaces
     // the stream.
     std::mutex m_streamMutex;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -39,9 +39,10 @@ int OpenLocked(const std::string& native, FILE*& lockFile)
     // be the same file: the name may have been replaced since the first open.
     const int lockFd = ::open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     lockFile = lockFd < 0 ? nullptr : ::fdopen(lockFd, "r");
-    struct stat written {}, locked {};
-    if (lockFile && ::fstat(fd, &written) == 0 && ::fstat(lockFd, &locked) == 0 &&
-        written.st_dev == locked.st_dev && written.st_ino == locked.st_ino && ::flock(lockFd, LOCK_EX | LOCK_NB) == 0)
+    struct stat written {
+    }, locked{};
+    if (lockFile && ::fstat(fd, &written) == 0 && ::fstat(lockFd, &locked) == 0 && written.st_dev == locked.st_dev &&
+        written.st_ino == locked.st_ino && ::flock(lockFd, LOCK_EX | LOCK_NB) == 0)
         return fd;
     if (lockFile)
         std::fclose(lockFile);
@@ -51,7 +52,7 @@ int OpenLocked(const std::string& native, FILE*& lockFile)
     return -1;
 }
 
-}  // namespace
+} // namespace
 
 bool SimpleLogger::Open(const std::wstring& path)
 {
@@ -83,7 +84,7 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
     try {
         native = Path::native(name);
     } catch (const QRX_RuntimeError&) {
-        return false;  // a name that is not valid text names no file
+        return false; // a name that is not valid text names no file
     }
     FILE* lockFile = nullptr;
     const int fd = OpenLocked(native, lockFile);
@@ -100,7 +101,7 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
         stream.reset(new (std::nothrow) LogFileStream(fd));
     } catch (...) {
         std::fclose(lockFile);
-        return false;  // the half-built stream closed the descriptor it had taken
+        return false; // the half-built stream closed the descriptor it had taken
     }
     if (!stream)
         ::close(fd);
@@ -119,4 +120,4 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
     return true;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -14,7 +14,7 @@ namespace {
 std::atomic<unsigned> forkGeneration{0};
 const int atforkRegistered = ::pthread_atfork(nullptr, nullptr, [] { ++forkGeneration; });
 
-}  // namespace
+} // namespace
 
 unsigned long CurrentThreadId()
 {
@@ -28,4 +28,4 @@ unsigned long CurrentThreadId()
     return id;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -8,4 +8,4 @@ namespace OrvaneInternal {
 // path. A child after fork sees its own id.
 unsigned long CurrentThreadId();
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

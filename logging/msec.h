@@ -13,4 +13,4 @@ struct msec {
 
 std::ostream& operator<<(std::ostream& out, const msec& value);
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

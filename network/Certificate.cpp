@@ -44,4 +44,4 @@ bool Certificate::TryLoadCertificates(const std::wstring& storeName, std::vector
     return true;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -14,7 +14,7 @@ typedef struct x509_st X509;
 namespace OrvaneInternal {
 
 class Certificate {
-public:
+  public:
     enum EncodingFormat { Pem = QSsl::Pem, Der = QSsl::Der };
     enum SubjectInfo {
         Organization = QSslCertificate::Organization,
@@ -42,8 +42,8 @@ public:
     static bool TryLoadCertificates(const std::wstring& storeName, std::vector<Certificate>& certificates);
     static std::function<bool(const std::wstring&, std::vector<Certificate>&)> s_storeLoader;
 
-private:
+  private:
     QSslCertificate m_certificate;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -27,8 +27,7 @@ namespace {
 // thread once libcurl has unwound.
 thread_local std::exception_ptr t_callbackError;
 
-template <class F, class R>
-R Guarded(R onError, F&& body)
+template <class F, class R> R Guarded(R onError, F&& body)
 {
     try {
         return body();
@@ -64,7 +63,7 @@ void AppendHeader(CurlHeaderList& headers, const std::string& line)
     throw CurlNetworkException(code);
 }
 
-}  // namespace
+} // namespace
 
 CurlHeaderList MakeHeaderList(const RestRequest& request)
 {
@@ -78,9 +77,8 @@ CurlHeaderList MakeHeaderList(const RestRequest& request)
 
 size_t ReadFunction(char* buffer, size_t size, size_t nmemb, void* userdata)
 {
-    return Guarded<>(static_cast<size_t>(CURL_READFUNC_ABORT), [&] {
-        return static_cast<RestRequest*>(userdata)->m_body.Read(buffer, size * nmemb);
-    });
+    return Guarded<>(static_cast<size_t>(CURL_READFUNC_ABORT),
+                     [&] { return static_cast<RestRequest*>(userdata)->m_body.Read(buffer, size * nmemb); });
 }
 
 int SeekFunction(void* userdata, curl_off_t offset, int origin)
@@ -157,7 +155,7 @@ void CurlNetwork::SetProxy(CURL* handle, const std::string& url)
     const QList<QNetworkProxy> proxies = QNetworkProxyFactory::systemProxyForQuery(query);
     if (proxies.isEmpty())
         return;
-    const QNetworkProxy& proxy = proxies.first();  // the others are never tried
+    const QNetworkProxy& proxy = proxies.first(); // the others are never tried
     std::string host = proxy.hostName().toUtf8().toStdString();
     long curlType = CURLPROXY_HTTP;
     switch (proxy.type()) {
@@ -285,4 +283,4 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
         buffer->m_status = responseCode;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

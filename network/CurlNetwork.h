@@ -22,7 +22,7 @@
 namespace OrvaneInternal {
 
 class CurlNetwork : public INetwork {
-public:
+  public:
     CurlNetwork() = default;
     ~CurlNetwork() override = default;
 
@@ -41,7 +41,7 @@ public:
     // The certificate cache, filled from the platform stores on first use.
     std::map<std::wstring, std::vector<Certificate>>& GetCACertficates();
 
-private:
+  private:
     void SetProxy(CURL* handle, const std::string& url);
 
     std::map<std::wstring, std::vector<Certificate>> m_caCertificates;
@@ -49,7 +49,7 @@ private:
     std::string m_proxyUser;
     std::string m_proxyPassword;
     bool m_proxyCredentialsSet = false;
-    std::shared_ptr<TransferOptions> m_options;  // the session's; none for a transport made alone
+    std::shared_ptr<TransferOptions> m_options; // the session's; none for a transport made alone
 };
 
 struct CurlHeaderListDeleter {
@@ -63,9 +63,9 @@ CurlHeaderList MakeHeaderList(const RestRequest& request);
 
 // libcurl callbacks. Exceptions never cross libcurl: a callback that fails
 // parks its exception, makes libcurl abort, and Send rethrows it unchanged.
-size_t ReadFunction(char* buffer, size_t size, size_t nmemb, void* userdata);      // userdata: RestRequest
-int SeekFunction(void* userdata, curl_off_t offset, int origin);                   // userdata: RestRequest
-size_t WriteFunction(char* data, size_t size, size_t nmemb, void* userdata);       // userdata: RestReply
-CURLcode SslCtxCallback(CURL* handle, void* sslContext, void* userdata);           // userdata: CurlNetwork
+size_t ReadFunction(char* buffer, size_t size, size_t nmemb, void* userdata); // userdata: RestRequest
+int SeekFunction(void* userdata, curl_off_t offset, int origin);              // userdata: RestRequest
+size_t WriteFunction(char* data, size_t size, size_t nmemb, void* userdata);  // userdata: RestReply
+CURLcode SslCtxCallback(CURL* handle, void* sslContext, void* userdata);      // userdata: CurlNetwork
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -10,14 +10,14 @@
 namespace OrvaneInternal {
 
 class CurlNetworkException : public std::exception {
-public:
+  public:
     explicit CurlNetworkException(CURLcode code) : m_message(curl_easy_strerror(code)) {}
     explicit CurlNetworkException(CURLSHcode code) : m_message(curl_share_strerror(code)) {}
     explicit CurlNetworkException(const std::string& message) : m_message(message) {}
 
     const char* what() const noexcept override { return m_message.c_str(); }
 
-private:
+  private:
     std::string m_message;
 };
 
@@ -29,10 +29,9 @@ inline void Check(CURLcode code)
         throw CurlNetworkException(code);
 }
 
-template <class T>
-void SetOpt(CURL* handle, CURLoption option, T value)
+template <class T> void SetOpt(CURL* handle, CURLoption option, T value)
 {
     Check(curl_easy_setopt(handle, option, value));
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

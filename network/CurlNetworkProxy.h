@@ -6,7 +6,7 @@
 namespace OrvaneInternal {
 
 class CurlNetworkProxy {
-public:
+  public:
     enum ProtocolType : int {
         DefaultProxy = 0,
         Socks5Proxy = 1,
@@ -17,4 +17,4 @@ public:
     };
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -16,4 +16,4 @@ void CurlNetworkStatic::CurlCleanup()
     curl_global_cleanup();
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

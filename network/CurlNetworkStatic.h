@@ -5,10 +5,10 @@
 namespace OrvaneInternal {
 
 class CurlNetworkStatic {
-public:
+  public:
     // curl_global_init(CURL_GLOBAL_ALL); throws CurlNetworkException on refusal.
     static void CurlInit();
     static void CurlCleanup();
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

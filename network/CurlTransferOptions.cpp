@@ -14,12 +14,10 @@ bool IsDirectory(const std::string& path)
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-}  // namespace
+} // namespace
 
 TransferWatch::TransferWatch(const TransferOptions* options, RestReply& reply)
-    : m_options(options),
-      m_reply(&reply),
-      m_buffer(dynamic_cast<BufferReply*>(&reply)),
+    : m_options(options), m_reply(&reply), m_buffer(dynamic_cast<BufferReply*>(&reply)),
       m_lastMoved(std::chrono::steady_clock::now())
 {
 }
@@ -85,7 +83,7 @@ size_t TransferWatch::Write(char* data, size_t size, size_t nmemb, void* userdat
     }
     try {
         watch->m_reply->Write(data, bytes);
-    } catch (...) {  // nothing unwinds through libcurl
+    } catch (...) { // nothing unwinds through libcurl
         watch->m_error = std::current_exception();
         return 0;
     }
@@ -115,4 +113,4 @@ int TransferWatch::TransferInfo(void* userdata, curl_off_t, curl_off_t dlnow, cu
     return 0;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -21,7 +21,7 @@ class RestReply;
 
 // The state of one Send; userdata of the callbacks below.
 class TransferWatch {
-public:
+  public:
     enum Stop { None, Cancelled, TimedOut, ReplyTooLarge };
 
     TransferWatch(const TransferOptions* options, RestReply& reply);
@@ -33,19 +33,18 @@ public:
     void ThrowIfStopped(CURLcode code) const;
 
     static size_t Write(char* data, size_t size, size_t nmemb, void* userdata);
-    static int TransferInfo(void* userdata, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
-                            curl_off_t ulnow);
+    static int TransferInfo(void* userdata, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow);
 
-private:
+  private:
     const TransferOptions* m_options;
     RestReply* m_reply;
     BufferReply* m_buffer;  // m_reply when it is one: its size survives the transport's Clear()
-    uint64_t m_written = 0;  // for other replies
+    uint64_t m_written = 0; // for other replies
     Stop m_stop = None;
-    std::exception_ptr m_error;  // what the reply's Write threw
+    std::exception_ptr m_error; // what the reply's Write threw
     curl_off_t m_lastDownloaded = 0;
     curl_off_t m_lastUploaded = 0;
     std::chrono::steady_clock::time_point m_lastMoved;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

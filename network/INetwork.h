@@ -13,7 +13,7 @@ class RestReply;
 struct TransferOptions;
 
 class INetwork {
-public:
+  public:
     virtual ~INetwork() = default;
     // UTF-8 credentials used for the proxy and for one answer to a server's 401.
     virtual void SetProxyCredentials(const std::string& user, const std::string& password) = 0;
@@ -24,4 +24,4 @@ public:
     virtual void SetTransferOptions(const std::shared_ptr<TransferOptions>&) {}
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

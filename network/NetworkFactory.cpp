@@ -13,4 +13,4 @@ std::shared_ptr<INetwork> NetworkFactory::Create()
     return std::make_shared<CurlNetwork>();
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -10,10 +10,10 @@
 namespace OrvaneInternal {
 
 class NetworkFactory {
-public:
+  public:
     static std::shared_ptr<INetwork> Create();
 
     static std::function<std::shared_ptr<INetwork>()> s_creator;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

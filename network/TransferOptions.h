@@ -16,15 +16,15 @@ namespace OrvaneInternal {
 struct TransferOptions {
     using ProgressCallback = int (*)(void* userData, uint64_t bytesSent, uint64_t bytesTotal);
 
-    long m_connectTimeout = 0;        // seconds for CURLOPT_CONNECTTIMEOUT; 0: unset
-    long m_stallTimeout = 0;          // seconds without a byte moved either way; 0: unset
-    long m_maxRedirects = -1;         // CURLOPT_MAXREDIRS; negative: unset
-    uint64_t m_maxReplySize = 0;      // reply body bytes; 0: unset
-    std::string m_caPath;             // UTF-8 CA bundle file or hashed directory; empty: unset
-    long m_uploadBufferSize = 0;      // CURLOPT_UPLOAD_BUFFERSIZE; 0: unset
+    long m_connectTimeout = 0;   // seconds for CURLOPT_CONNECTTIMEOUT; 0: unset
+    long m_stallTimeout = 0;     // seconds without a byte moved either way; 0: unset
+    long m_maxRedirects = -1;    // CURLOPT_MAXREDIRS; negative: unset
+    uint64_t m_maxReplySize = 0; // reply body bytes; 0: unset
+    std::string m_caPath;        // UTF-8 CA bundle file or hashed directory; empty: unset
+    long m_uploadBufferSize = 0; // CURLOPT_UPLOAD_BUFFERSIZE; 0: unset
     ProgressCallback m_progress = nullptr;
     void* m_progressData = nullptr;
-    bool m_cancelEnabled = false;     // EnableCancel was called
+    bool m_cancelEnabled = false; // EnableCancel was called
     std::atomic<bool> m_cancel{false};
 
     // True when a silent server must not keep a cancel or a stall waiting:
@@ -37,15 +37,15 @@ struct TransferOptions {
 
 // A transfer stopped by the extension settings, not by libcurl on its own.
 class TransferStopped : public CurlNetworkException {
-public:
+  public:
     enum Reason { Cancelled, TimedOut };
 
     TransferStopped(Reason reason, const std::string& message) : CurlNetworkException(message), m_reason(reason) {}
 
     Reason GetReason() const { return m_reason; }
 
-private:
+  private:
     Reason m_reason;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

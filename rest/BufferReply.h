@@ -9,7 +9,7 @@
 namespace OrvaneInternal {
 
 class BufferReply : public RestReply {
-public:
+  public:
     BufferReply() : m_status(0) {}
 
     size_t Write(char* data, size_t size) override
@@ -20,8 +20,8 @@ public:
     // The status stays: it belongs to the exchange, not to the body.
     void Clear() override { m_data.clear(); }
 
-    int64_t m_status;          // set by the transport after the exchange
-    std::vector<char> m_data;  // body bytes in arrival order
+    int64_t m_status;         // set by the transport after the exchange
+    std::vector<char> m_data; // body bytes in arrival order
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -11,7 +11,7 @@
 namespace OrvaneInternal {
 
 class BufferRequest : public RestRequest {
-public:
+  public:
     BufferRequest(Method method, const std::string& url, const std::string& token, std::shared_ptr<std::string> body)
         : RestRequest(method, url, token, "text/xml")
     {
@@ -22,4 +22,4 @@ public:
     bool gmock_equal(const BufferRequest& other) const { return SameContent(other); }
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

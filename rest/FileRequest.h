@@ -12,7 +12,7 @@
 namespace OrvaneInternal {
 
 class FileRequest : public RestRequest {
-public:
+  public:
     // The fourth argument is accepted and ignored. The content type is exactly
     // "application/octet" (no "-stream"), the value servers have always received.
     FileRequest(Method method, const std::string& url, const std::string& token, const std::string& /*ignored*/,
@@ -26,4 +26,4 @@ public:
     bool gmock_equal(const FileRequest& other) const { return SameContent(other); }
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

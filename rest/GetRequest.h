@@ -8,7 +8,7 @@
 namespace OrvaneInternal {
 
 class GetRequest : public RestRequest {
-public:
+  public:
     GetRequest(Method method, const std::string& url, const std::string& token)
         : RestRequest(method, url, token, std::string())
     {
@@ -20,4 +20,4 @@ public:
     bool gmock_equal(const GetRequest& other) const { return SameContent(other); }
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

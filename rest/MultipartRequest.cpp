@@ -16,7 +16,7 @@ namespace {
 
 const char kPayloadHeader[] = "Content-Disposition: form-data; name=\"request_payload\"\r\n\r\n";
 const char kContentTypePrefix[] = "multipart/mixed; boundary=";
-const char kHyphens[] = "----------------------------";  // 28
+const char kHyphens[] = "----------------------------"; // 28
 
 uint32_t LowClockBits()
 {
@@ -24,15 +24,12 @@ uint32_t LowClockBits()
     return static_cast<uint32_t>(duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count());
 }
 
-}  // namespace
+} // namespace
 
 MultipartRequest::MultipartRequest(Method method, const std::string& url, const std::string& token)
-    : RestRequest(method, url, token, "multipart/mixed"),
-      m_first(true),
-      m_firstBoundary(std::make_shared<std::string>()),
-      m_nextBoundary(std::make_shared<std::string>()),
-      m_endBoundary(std::make_shared<std::string>()),
-      m_payloadHeader(std::make_shared<std::string>())
+    : RestRequest(method, url, token, "multipart/mixed"), m_first(true),
+      m_firstBoundary(std::make_shared<std::string>()), m_nextBoundary(std::make_shared<std::string>()),
+      m_endBoundary(std::make_shared<std::string>()), m_payloadHeader(std::make_shared<std::string>())
 {
     // Deliberately seeded with the duration of one short string assignment, a
     // small number, so few distinct boundaries occur; kept as the system has
@@ -53,8 +50,8 @@ std::string MultipartRequest::MakeBoundary(uint64_t seed)
     // Uniform over [0, 2^48) by rejection and downscaling, written out rather
     // than left to std::uniform_int_distribution, whose method differs between
     // library versions.
-    constexpr uint64_t kScale = 65535;                 // (2^64 - 1) / 2^48
-    constexpr uint64_t kLast = 0xFFFEFFFFFFFFFFFFull;  // 2^48 * kScale - 1
+    constexpr uint64_t kScale = 65535;                // (2^64 - 1) / 2^48
+    constexpr uint64_t kLast = 0xFFFEFFFFFFFFFFFFull; // 2^48 * kScale - 1
     std::mt19937_64 engine(seed);
     uint64_t r;
     do {
@@ -115,4 +112,4 @@ bool MultipartRequest::gmock_equal(const MultipartRequest& other) const
            m_body.gmock_equal(other.m_body, mine, theirs);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

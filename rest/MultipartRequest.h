@@ -14,7 +14,7 @@
 namespace OrvaneInternal {
 
 class MultipartRequest : public RestRequest {
-public:
+  public:
     MultipartRequest(Method method, const std::string& url, const std::string& token);
     ~MultipartRequest() override = default;
 
@@ -39,15 +39,15 @@ public:
     // hex digits of a value drawn uniformly from [0, 2^48) with mt19937_64.
     static std::string MakeBoundary(uint64_t seed);
 
-    bool m_first;  // no delimiter added yet
+    bool m_first; // no delimiter added yet
     // Shared by every part made from them.
-    std::shared_ptr<std::string> m_firstBoundary;  // "--" B CRLF
-    std::shared_ptr<std::string> m_nextBoundary;   // CRLF "--" B CRLF
-    std::shared_ptr<std::string> m_endBoundary;    // CRLF "--" B "--" CRLF
-    std::shared_ptr<std::string> m_payloadHeader;  // the "request_payload" header block
+    std::shared_ptr<std::string> m_firstBoundary; // "--" B CRLF
+    std::shared_ptr<std::string> m_nextBoundary;  // CRLF "--" B CRLF
+    std::shared_ptr<std::string> m_endBoundary;   // CRLF "--" B "--" CRLF
+    std::shared_ptr<std::string> m_payloadHeader; // the "request_payload" header block
 
-private:
+  private:
     std::string Boundary() const;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

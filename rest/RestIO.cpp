@@ -9,10 +9,10 @@ namespace OrvaneInternal {
 namespace {
 
 constexpr size_t kAllOnes = std::numeric_limits<size_t>::max();
-constexpr int kSeekOk = 0;    // CURL_SEEKFUNC_OK
-constexpr int kSeekFail = 1;  // CURL_SEEKFUNC_FAIL
+constexpr int kSeekOk = 0;   // CURL_SEEKFUNC_OK
+constexpr int kSeekFail = 1; // CURL_SEEKFUNC_FAIL
 
-}  // namespace
+} // namespace
 
 void RestIO::AddPart(std::shared_ptr<RestIOPart> part)
 {
@@ -132,4 +132,4 @@ bool RestIO::gmock_equal(const RestIO& other, const std::string& from, const std
     return true;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

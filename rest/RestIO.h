@@ -17,13 +17,13 @@
 namespace OrvaneInternal {
 
 class RestIO {
-public:
+  public:
     // A body part could not be opened or read. The message is reached only
     // through the non-const what(): the standard const what() is deliberately
     // not overridden, so a handler holding a std::exception (or a const
     // RestIOException) sees the standard text instead.
     class RestIOException : public std::exception {
-    public:
+      public:
         explicit RestIOException(const std::string& message) : m_message(message) {}
         ~RestIOException() override = default;
 
@@ -61,17 +61,17 @@ public:
     using Observer = std::function<void(uint64_t position)>;
     void SetObserver(Observer observer) { m_observer = std::move(observer); }
 
-    std::vector<std::shared_ptr<RestIOPart>> m_parts;  // in body order
-    int32_t m_current;  // index of the part being read; -1 while there are no parts
+    std::vector<std::shared_ptr<RestIOPart>> m_parts; // in body order
+    int32_t m_current;                                // index of the part being read; -1 while there are no parts
 
-private:
+  private:
     // Rewinds parts first..m_current; false as soon as one refuses.
     bool RewindThroughCurrent(size_t first);
     // Seek's success: the new position, told to the observer.
     int Moved(uint64_t position);
 
     Observer m_observer;
-    uint64_t m_position = 0;  // bytes of the body before the read position
+    uint64_t m_position = 0; // bytes of the body before the read position
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -9,7 +9,7 @@
 namespace OrvaneInternal {
 
 class RestIOPart {
-public:
+  public:
     virtual ~RestIOPart() = default;
 
     // Copies up to `size` bytes from the current position into `buffer` and
@@ -28,4 +28,4 @@ public:
     virtual bool gmock_equal(const RestIOPart& other, const std::string& from, const std::string& to) const = 0;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

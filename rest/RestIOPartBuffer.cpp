@@ -20,7 +20,7 @@ size_t CountOccurrences(const std::string& text, const std::string& pattern)
     return count;
 }
 
-}  // namespace
+} // namespace
 
 RestIOPartBuffer::RestIOPartBuffer(std::shared_ptr<std::string> data)
     : m_data(std::move(data)), m_size(m_data->size()), m_position(0)
@@ -59,4 +59,4 @@ bool RestIOPartBuffer::gmock_equal(const RestIOPart& other, const std::string& f
            boost::algorithm::replace_all_copy(mine, from, to) == theirs;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -10,7 +10,7 @@
 namespace OrvaneInternal {
 
 class RestIOPartBuffer : public RestIOPart {
-public:
+  public:
     explicit RestIOPartBuffer(std::shared_ptr<std::string> data);
 
     size_t Read(char* buffer, size_t size) override;
@@ -20,9 +20,9 @@ public:
     bool Done() override { return m_position == m_size; }
     bool gmock_equal(const RestIOPart& other, const std::string& from, const std::string& to) const override;
 
-    std::shared_ptr<std::string> m_data;  // shared with whoever made the part
-    size_t m_size;                        // m_data's length at construction
+    std::shared_ptr<std::string> m_data; // shared with whoever made the part
+    size_t m_size;                       // m_data's length at construction
     size_t m_position;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

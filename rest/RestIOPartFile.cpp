@@ -80,4 +80,4 @@ bool RestIOPartFile::gmock_equal(const RestIOPart& other, const std::string&, co
     return file != nullptr && file->m_path == m_path;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

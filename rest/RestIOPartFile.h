@@ -10,7 +10,7 @@
 namespace OrvaneInternal {
 
 class RestIOPartFile : public RestIOPart {
-public:
+  public:
     // Throws RestIO::RestIOException "Failed to open file: " + path, also when
     // the path no longer names a regular file (it may have been swapped for
     // a pipe since it was checked).
@@ -31,14 +31,14 @@ public:
     // Equal when the other part is a file part over the same path.
     bool gmock_equal(const RestIOPart& other, const std::string& from, const std::string& to) const override;
 
-    std::string m_path;  // UTF-8 bytes, handed to open(2) as they are
+    std::string m_path; // UTF-8 bytes, handed to open(2) as they are
     bool m_done;
     int m_fd = -1;
-    size_t m_size;  // measured at construction
-    size_t m_offset = 0;  // read position, so that reads stop at m_size
+    size_t m_size;       // measured at construction
+    size_t m_offset = 0; // read position, so that reads stop at m_size
 
-private:
+  private:
     void OpenFile();
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

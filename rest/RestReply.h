@@ -6,7 +6,7 @@
 namespace OrvaneInternal {
 
 class RestReply {
-public:
+  public:
     virtual ~RestReply() = default;
     // Takes `size` more bytes of the body; returns the count taken.
     virtual size_t Write(char* data, size_t size) = 0;
@@ -14,4 +14,4 @@ public:
     virtual void Clear() = 0;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

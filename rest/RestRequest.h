@@ -11,10 +11,10 @@
 namespace OrvaneInternal {
 
 class RestRequest {
-public:
+  public:
     enum Method : int32_t {
         Get = 0,
-        Post = 1,  // the only method whose body is sent
+        Post = 1, // the only method whose body is sent
     };
 
     RestRequest(Method method, const std::string& url, const std::string& token, const std::string& contentType)
@@ -30,12 +30,12 @@ public:
     }
 
     Method m_method;
-    std::string m_url;          // UTF-8, complete, used as given
-    std::string m_token;        // "X-Orvane-Auth: " value; sent even when empty
-    std::string m_contentType;  // "Content-Type: " value; may be empty
-    RestIO m_body;              // empty for requests without a body
+    std::string m_url;         // UTF-8, complete, used as given
+    std::string m_token;       // "X-Orvane-Auth: " value; sent even when empty
+    std::string m_contentType; // "Content-Type: " value; may be empty
+    RestIO m_body;             // empty for requests without a body
 
-protected:
+  protected:
     // The equality of the request kinds: content type and body only, texts
     // compared byte for byte. Method, URL and token are deliberately left out,
     // so requests differing only there compare equal.
@@ -45,4 +45,4 @@ protected:
     }
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

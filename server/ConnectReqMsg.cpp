@@ -4,8 +4,8 @@ namespace OrvaneInternal {
 
 ConnectReqMsg::ConnectReqMsg(const std::wstring& serverUrl, const std::wstring& name, const std::wstring& password,
                              const std::wstring& site)
-    : ReqMsg(serverUrl, std::wstring(), std::wstring(), ReqMsg::Buffer, RestRequest::Post, ReqMsg::Xml),
-      m_name(name), m_password(password), m_site(site)
+    : ReqMsg(serverUrl, std::wstring(), std::wstring(), ReqMsg::Buffer, RestRequest::Post, ReqMsg::Xml), m_name(name),
+      m_password(password), m_site(site)
 {
 }
 
@@ -16,8 +16,8 @@ std::wstring ConnectReqMsg::GetUrl() const
 
 std::wstring ConnectReqMsg::GetXml() const
 {
-    return L"<qsRequest><credentials name=\"" + m_name + L"\" password=\"" + m_password +
-           L"\" ><site contentUrl=\"" + m_site + L"\" /> </credentials></qsRequest>";
+    return L"<qsRequest><credentials name=\"" + m_name + L"\" password=\"" + m_password + L"\" ><site contentUrl=\"" +
+           m_site + L"\" /> </credentials></qsRequest>";
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

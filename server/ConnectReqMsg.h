@@ -6,7 +6,7 @@
 namespace OrvaneInternal {
 
 class ConnectReqMsg : public ReqMsg {
-public:
+  public:
     ConnectReqMsg(const std::wstring& serverUrl, const std::wstring& name, const std::wstring& password,
                   const std::wstring& site);
     ~ConnectReqMsg() override = default;
@@ -17,7 +17,7 @@ public:
 
     const std::wstring m_name;
     const std::wstring m_password;
-    const std::wstring m_site;  // the site's content URL; empty for the default site
+    const std::wstring m_site; // the site's content URL; empty for the default site
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -37,7 +37,7 @@ bool HasControlCharacter(const std::wstring& text)
     return std::any_of(text.begin(), text.end(), [](wchar_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); });
 }
 
-}  // namespace
+} // namespace
 
 ConnectRespMsg::ConnectRespMsg(const std::string& reply)
 {
@@ -46,4 +46,4 @@ ConnectRespMsg::ConnectRespMsg(const std::string& reply)
         throw ServerException(ServerException::ResponseParseFailed);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -9,7 +9,7 @@
 namespace OrvaneInternal {
 
 class ConnectRespMsg : public RespMsg {
-public:
+  public:
     // Parses at once: ServerException 300 for a reply that is not XML or whose
     // token or site id holds a control character, 403 for one with other
     // elements. Missing attributes leave their field empty.
@@ -21,4 +21,4 @@ public:
     std::wstring m_siteId;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

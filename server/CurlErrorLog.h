@@ -16,4 +16,4 @@ inline void LogCurlError(const CurlNetworkException& e)
     logger->QueueMessage(std::string(e.what()));
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

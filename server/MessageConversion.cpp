@@ -43,4 +43,4 @@ std::string ConvertRestReply(RestReply& reply, const ReqMsg::RepType& type)
     return std::string(buffer.m_data.begin(), buffer.m_data.end());
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -19,4 +19,4 @@ std::shared_ptr<RestRequest> ConvertReqMsg(const ReqMsg& msg);
 // reply must be a BufferReply.
 std::string ConvertRestReply(RestReply& reply, const ReqMsg::RepType& type);
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -6,7 +6,7 @@
 namespace OrvaneInternal {
 
 class MultipartReqMsg : public ReqMsg {
-public:
+  public:
     using ReqMsg::ReqMsg;
 
     // Local path of the file to upload.
@@ -15,4 +15,4 @@ public:
     virtual std::string GetFormat() const = 0;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -2,9 +2,9 @@
 
 namespace OrvaneInternal {
 
-PublishExtReqMsg::PublishExtReqMsg(const std::wstring& serverUrl, const std::wstring& siteId,
-                                   const std::wstring& token, const std::wstring& path,
-                                   const std::wstring& projectId, const std::wstring& dataSourceName, bool overwrite)
+PublishExtReqMsg::PublishExtReqMsg(const std::wstring& serverUrl, const std::wstring& siteId, const std::wstring& token,
+                                   const std::wstring& path, const std::wstring& projectId,
+                                   const std::wstring& dataSourceName, bool overwrite)
     : MultipartReqMsg(serverUrl, siteId, token, ReqMsg::Multipart, RestRequest::Post, ReqMsg::Xml), m_path(path),
       m_projectId(projectId), m_dataSourceName(dataSourceName), m_overwrite(overwrite)
 {
@@ -14,7 +14,7 @@ std::wstring PublishExtReqMsg::GetUrl() const
 {
     std::wstring url = m_host + L"/api/2.0/sites/" + m_siteId + L"/datasources";
     if (m_overwrite)
-        url += L"?overwrite=true";  // never an explicit false
+        url += L"?overwrite=true"; // never an explicit false
     return url;
 }
 
@@ -34,4 +34,4 @@ std::string PublishExtReqMsg::GetFormat() const
     return "orvane_datasource";
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

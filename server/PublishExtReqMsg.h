@@ -7,7 +7,7 @@
 namespace OrvaneInternal {
 
 class PublishExtReqMsg : public MultipartReqMsg {
-public:
+  public:
     PublishExtReqMsg(const std::wstring& serverUrl, const std::wstring& siteId, const std::wstring& token,
                      const std::wstring& path, const std::wstring& projectId, const std::wstring& dataSourceName,
                      bool overwrite);
@@ -25,4 +25,4 @@ public:
     const bool m_overwrite;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -12,11 +12,11 @@ const XmlElement<PublishExtRespMsg> kShape[] = {
     {2, "owner", nullptr},      {2, "tags", nullptr},       {3, "tag", nullptr},
 };
 
-}  // namespace
+} // namespace
 
 PublishExtRespMsg::PublishExtRespMsg(const std::string& reply)
 {
     XmlReplyParser::Parse(reply, *this, kShape);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -10,7 +10,7 @@
 namespace OrvaneInternal {
 
 class PublishExtRespMsg : public RespMsg {
-public:
+  public:
     // ServerException 300 for a reply that is not XML, 403 for other elements.
     explicit PublishExtRespMsg(const std::string& reply);
     ~PublishExtRespMsg() override = default;
@@ -18,4 +18,4 @@ public:
     int32_t m_depth = 0;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -2,8 +2,8 @@
 
 namespace OrvaneInternal {
 
-QueryProjReqMsg::QueryProjReqMsg(const std::wstring& serverUrl, const std::wstring& siteId,
-                                 const std::wstring& token, unsigned long pageNumber)
+QueryProjReqMsg::QueryProjReqMsg(const std::wstring& serverUrl, const std::wstring& siteId, const std::wstring& token,
+                                 unsigned long pageNumber)
     : ReqMsg(serverUrl, siteId, token, ReqMsg::Get, RestRequest::Get, ReqMsg::Xml), m_pageNumber(pageNumber)
 {
 }
@@ -14,4 +14,4 @@ std::wstring QueryProjReqMsg::GetUrl() const
            L"&pageNumber=" + std::to_wstring(m_pageNumber);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -6,7 +6,7 @@
 namespace OrvaneInternal {
 
 class QueryProjReqMsg : public ReqMsg {
-public:
+  public:
     // Fixed on purpose: the reply checks rely on it too.
     static constexpr int kPageSize = 100;
 
@@ -16,7 +16,7 @@ public:
 
     std::wstring GetUrl() const override;
 
-    const uint64_t m_pageNumber;  // 1-based
+    const uint64_t m_pageNumber; // 1-based
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

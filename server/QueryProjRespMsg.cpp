@@ -43,11 +43,11 @@ const XmlElement<QueryProjRespMsg> kShape[] = {
     {2, "project", &ReadProject},
 };
 
-}  // namespace
+} // namespace
 
 QueryProjRespMsg::QueryProjRespMsg(const std::string& reply)
 {
     XmlReplyParser::Parse(reply, *this, kShape);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -11,7 +11,7 @@
 namespace OrvaneInternal {
 
 class QueryProjRespMsg : public RespMsg {
-public:
+  public:
     // Parses at once: ServerException 300 for a reply that is not XML, 403 for
     // other elements; a pagination value that is not a number throws the
     // standard library's "stoul" errors unchanged.
@@ -28,4 +28,4 @@ public:
     std::unordered_map<std::wstring, std::wstring> m_projects{10};
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -11,7 +11,7 @@
 namespace OrvaneInternal {
 
 class ReqMsg {
-public:
+  public:
     // Which kind of RestRequest the message becomes; any value other than
     // Buffer, None and Get is treated as Multipart.
     enum ReqType : int32_t { Buffer = 0, None = 1, Get = 2, Multipart = 3 };
@@ -36,4 +36,4 @@ public:
     const RepType m_repType;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -4,8 +4,8 @@
 namespace OrvaneInternal {
 
 class RespMsg {
-public:
+  public:
     virtual ~RespMsg() = default;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

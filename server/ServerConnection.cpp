@@ -6,9 +6,9 @@
 #include "network/NetworkFactory.h"
 #include "network/TransferOptions.h"
 #include "rest/BufferReply.h"
-#include "server/CurlErrorLog.h"
 #include "server/ConnectReqMsg.h"
 #include "server/ConnectRespMsg.h"
+#include "server/CurlErrorLog.h"
 #include "server/MessageConversion.h"
 #include "server/PublishExtReqMsg.h"
 #include "server/PublishExtRespMsg.h"
@@ -33,7 +33,7 @@ void Log(const std::wstring& line)
 
 const wchar_t kNotConnected[] = L"Connect must be called first";
 
-}  // namespace
+} // namespace
 
 ServerConnection::ServerConnection() : m_network(NetworkFactory::Create())
 {
@@ -73,7 +73,7 @@ std::string ServerConnection::Send(const ReqMsg& message)
     std::shared_ptr<RestRequest> request = ConvertReqMsg(message);
     if (message.m_repType == ReqMsg::Unknown)
         throw ServerException(ServerException::UnknownReplyType, L"Unknown REST reply type");
-    if (!request)  // a message of kind None has nothing to send
+    if (!request) // a message of kind None has nothing to send
         ThrowLogicError(QRX_Status::InvalidArgument, "request message converts to no HTTP request");
     auto reply = std::make_shared<BufferReply>();
     WatchBody(*request);
@@ -125,8 +125,7 @@ void ServerConnection::Connect(const std::wstring& host, const std::wstring& use
     m_connected = true;
 }
 
-bool ServerConnection::QueryProjects(unsigned long pageNumber,
-                                     std::unordered_map<std::wstring, std::wstring>& projects)
+bool ServerConnection::QueryProjects(unsigned long pageNumber, std::unordered_map<std::wstring, std::wstring>& projects)
 {
     if (!m_connected)
         throw ServerException(ServerException::NotConnected, kNotConnected);
@@ -192,7 +191,7 @@ void ServerConnection::PublishExtractInternal(const std::wstring& path, const st
         throw ServerException(ServerException::NotConnected, kNotConnected);
     const PublishExtRespMsg reply(
         Send(PublishExtReqMsg(m_host, m_siteId, m_token, path, projectId, datasourceName, overwrite)));
-    (void)reply;  // a reply of the right shape is the success
+    (void)reply; // a reply of the right shape is the success
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

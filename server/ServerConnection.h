@@ -16,7 +16,7 @@ class RestRequest;
 struct TransferOptions;
 
 class ServerConnection {
-public:
+  public:
     // Throws ServerException 404 before library start-up (the transport is made
     // first, and released again).
     ServerConnection();
@@ -30,8 +30,8 @@ public:
                  const std::wstring& siteId);
     // Forgets the sign-in on the client side; nothing is sent to the server.
     void Disconnect();
-    void PublishExtract(const std::wstring& path, const std::wstring& projectName,
-                        const std::wstring& datasourceName, bool overwrite);
+    void PublishExtract(const std::wstring& path, const std::wstring& projectName, const std::wstring& datasourceName,
+                        bool overwrite);
 
     // The id of the signed-in site's project of that name, read page by page
     // up to the page that names it; ServerException 303 when no page does.
@@ -66,18 +66,18 @@ public:
     const std::wstring& GetToken() const { return m_token; }
     const std::wstring& GetSiteId() const { return m_siteId; }
 
-private:
+  private:
     // Brackets Connect and PublishExtract: forgets the last status and reason,
     // stops at once for a cancel made before the call, and drops a cancel that
     // came too late to stop it.
     class CallScope {
-    public:
+      public:
         explicit CallScope(ServerConnection& session);
         ~CallScope();
         CallScope(const CallScope&) = delete;
         CallScope& operator=(const CallScope&) = delete;
 
-    private:
+      private:
         ServerConnection& m_session;
     };
 
@@ -95,4 +95,4 @@ private:
     bool m_connected = false;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

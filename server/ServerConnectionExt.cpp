@@ -22,7 +22,7 @@ bool CancelRequested(const TransferOptions& options)
 // the end, and 0 again when the body is rewound for a resend. Throwing stops
 // the transfer (the transport rethrows it once libcurl has unwound).
 class ProgressReporter {
-public:
+  public:
     ProgressReporter(const TransferOptions& options, uint64_t total) : m_options(&options), m_total(total) {}
 
     void operator()(uint64_t position)
@@ -40,13 +40,13 @@ public:
         return m_options->m_progress(m_options->m_progressData, position, m_total) == 0;
     }
 
-private:
+  private:
     const TransferOptions* m_options;
     uint64_t m_total;
     uint64_t m_last = 0;
 };
 
-}  // namespace
+} // namespace
 
 ServerConnection::CallScope::CallScope(ServerConnection& session) : m_session(session)
 {
@@ -90,4 +90,4 @@ void ServerConnection::WatchBody(RestRequest& request)
     request.m_body.SetObserver(reporter);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -32,4 +32,4 @@ void ServerConnection::Cleanup()
     s_initialized = false;
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

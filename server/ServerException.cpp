@@ -9,4 +9,4 @@ std::string ServerException::getCharMessage() const
     return Unicode::ToUTF8(m_message).str();
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -10,18 +10,18 @@
 namespace OrvaneInternal {
 
 class ServerException {
-public:
+  public:
     enum ErrorCode : int32_t {
-        ResponseParseFailed = 300,  // reply not well-formed XML (empty message)
-        UnknownReplyType = 301,     // a request asked for reply type Unknown
-        InvalidPublishInput = 303,  // extract file unusable, or project not on the server
-        NetworkFailure = 400,       // libcurl failed (global start, or a transfer)
-        ServerResponseError = 401,  // HTTP status outside 2xx, or an inconsistent page
-        NotConnected = 402,         // operation needs a signed-in session
-        UnexpectedResponse = 403,   // reply has elements the operation does not expect (empty message)
-        NotInitialized = 404,       // session made before library start-up
-        Cancelled = 500,            // the caller cancelled the call (extension API)
-        TimedOut = 501,             // a time limit the caller set fired (extension API)
+        ResponseParseFailed = 300, // reply not well-formed XML (empty message)
+        UnknownReplyType = 301,    // a request asked for reply type Unknown
+        InvalidPublishInput = 303, // extract file unusable, or project not on the server
+        NetworkFailure = 400,      // libcurl failed (global start, or a transfer)
+        ServerResponseError = 401, // HTTP status outside 2xx, or an inconsistent page
+        NotConnected = 402,        // operation needs a signed-in session
+        UnexpectedResponse = 403,  // reply has elements the operation does not expect (empty message)
+        NotInitialized = 404,      // session made before library start-up
+        Cancelled = 500,           // the caller cancelled the call (extension API)
+        TimedOut = 501,            // a time limit the caller set fired (extension API)
     };
 
     explicit ServerException(ErrorCode code) : m_errorCode(code) {}
@@ -32,9 +32,9 @@ public:
     // The message in UTF-8, for callers that need narrow text.
     std::string getCharMessage() const;
 
-private:
+  private:
     ErrorCode m_errorCode;
     std::wstring m_message;
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -16,8 +16,8 @@ struct ParserDeleter {
 
 // Collects the text of <summary> and <detail> inside <error>.
 struct ErrorDocument {
-    int errorDepth = 0;        // open <error> elements
-    std::string* into = nullptr;  // the element whose text is being collected
+    int errorDepth = 0;          // open <error> elements
+    std::string* into = nullptr; // the element whose text is being collected
     std::string summary;
     std::string detail;
     bool found = false;
@@ -59,8 +59,11 @@ std::wstring Widen(const std::string& text, std::size_t limit)
     std::wstring out;
     for (std::size_t i = 0; i < text.size() && out.size() < limit;) {
         const auto lead = static_cast<unsigned char>(text[i]);
-        const std::size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3
-                                                    : (lead >> 3) == 0x1E ? 4 : 0;
+        const std::size_t length = lead < 0x80           ? 1
+                                   : (lead >> 5) == 0x6  ? 2
+                                   : (lead >> 4) == 0xE  ? 3
+                                   : (lead >> 3) == 0x1E ? 4
+                                                         : 0;
         char32_t code = length == 1 ? lead : length == 2 ? lead & 0x1F : length == 3 ? lead & 0x0F : lead & 0x07;
         bool valid = length != 0 && i + length <= text.size();
         for (std::size_t k = 1; valid && k < length; ++k) {
@@ -79,7 +82,7 @@ std::wstring Widen(const std::string& text, std::size_t limit)
     return out;
 }
 
-}  // namespace
+} // namespace
 
 std::wstring ServerReason(const std::string& body)
 {
@@ -90,8 +93,8 @@ std::wstring ServerReason(const std::string& body)
         XML_SetUserData(parser.get(), &document);
         XML_SetElementHandler(parser.get(), &ErrorDocument::Start, &ErrorDocument::End);
         XML_SetCharacterDataHandler(parser.get(), &ErrorDocument::Text);
-        const bool parsed = XML_Parse(parser.get(), body.data(), static_cast<int>(body.size()), XML_TRUE) ==
-                            XML_STATUS_OK;
+        const bool parsed =
+            XML_Parse(parser.get(), body.data(), static_cast<int>(body.size()), XML_TRUE) == XML_STATUS_OK;
         if (parsed && document.found) {
             std::string text = document.summary;
             if (!document.summary.empty() && !document.detail.empty())
@@ -102,4 +105,4 @@ std::wstring ServerReason(const std::string& body)
     return Widen(body, kServerReasonLimit);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

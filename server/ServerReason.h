@@ -15,4 +15,4 @@ constexpr std::size_t kServerReasonLimit = 4096;
 // Never throws for any reply bytes (only for lack of memory).
 std::wstring ServerReason(const std::string& body);
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

@@ -21,8 +21,7 @@ struct ParseContext {
     std::exception_ptr error;
 };
 
-template <class F>
-void Guard(ParseContext& context, F&& handler)
+template <class F> void Guard(ParseContext& context, F&& handler)
 {
     if (context.error)
         return;
@@ -50,7 +49,7 @@ struct ParserDeleter {
     void operator()(XML_ParserStruct* parser) const { XML_ParserFree(parser); }
 };
 
-}  // namespace
+} // namespace
 
 std::wstring XmlReplyParser::Text(const char* value)
 {
@@ -79,4 +78,4 @@ void XmlReplyParser::Parse(const std::string& reply, void* userData, StartHandle
         throw ServerException(ServerException::ResponseParseFailed);
 }
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

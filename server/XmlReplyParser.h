@@ -20,15 +20,14 @@ namespace OrvaneInternal {
 
 // One allowed element: its name at this depth (0 is the root), and what its
 // attributes set; a null `read` keeps nothing. Names compare byte for byte.
-template <class Message>
-struct XmlElement {
+template <class Message> struct XmlElement {
     int32_t depth;
     const char* name;
     void (*read)(Message& message, const char** attributes);
 };
 
 class XmlReplyParser {
-public:
+  public:
     // `message.m_depth` is the depth of the element being parsed; it is 0
     // again after a well-formed reply.
     template <class Message, std::size_t N>
@@ -45,8 +44,7 @@ public:
 
     // Calls `store(value)` for every attribute named `name`, in order, so a
     // later duplicate wins.
-    template <class Store>
-    static void ForEach(const char** attributes, const char* name, Store store)
+    template <class Store> static void ForEach(const char** attributes, const char* name, Store store)
     {
         for (int i = 0; attributes[i] != nullptr; i += 2) {
             if (std::strcmp(attributes[i], name) == 0)
@@ -54,19 +52,17 @@ public:
         }
     }
 
-private:
+  private:
     using StartHandler = void (*)(void* userData, const char* name, const char** attributes);
     using EndHandler = void (*)(void* userData, const char* name);
 
-    template <class Message>
-    struct Shape {
+    template <class Message> struct Shape {
         Message& message;
         const XmlElement<Message>* elements;
         std::size_t count;
     };
 
-    template <class Message>
-    static void Start(void* userData, const char* name, const char** attributes)
+    template <class Message> static void Start(void* userData, const char* name, const char** attributes)
     {
         auto& shape = *static_cast<Shape<Message>*>(userData);
         for (std::size_t i = 0; i < shape.count; ++i) {
@@ -81,8 +77,7 @@ private:
         throw ServerException(ServerException::UnexpectedResponse);
     }
 
-    template <class Message>
-    static void End(void* userData, const char*)
+    template <class Message> static void End(void* userData, const char*)
     {
         --static_cast<Shape<Message>*>(userData)->message.m_depth;
     }
@@ -90,4 +85,4 @@ private:
     static void Parse(const std::string& reply, void* userData, StartHandler start, EndHandler end);
 };
 
-}  // namespace OrvaneInternal
+} // namespace OrvaneInternal

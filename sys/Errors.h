@@ -7,32 +7,30 @@
 #include <string>
 
 class QRX_RuntimeError : public std::runtime_error {
-public:
-    QRX_RuntimeError(int32_t status, const std::string& message)
-        : std::runtime_error(message), m_status(status) {}
+  public:
+    QRX_RuntimeError(int32_t status, const std::string& message) : std::runtime_error(message), m_status(status) {}
     int32_t GetStatus() const { return m_status; }
 
-private:
+  private:
     int32_t m_status;
 };
 
 class QRX_RangeError : public QRX_RuntimeError {
-public:
+  public:
     using QRX_RuntimeError::QRX_RuntimeError;
 };
 
 class QRX_LogicError : public std::logic_error {
-public:
-    QRX_LogicError(int32_t status, const std::string& message)
-        : std::logic_error(message), m_status(status) {}
+  public:
+    QRX_LogicError(int32_t status, const std::string& message) : std::logic_error(message), m_status(status) {}
     int32_t GetStatus() const { return m_status; }
 
-private:
+  private:
     int32_t m_status;
 };
 
 class QRX_InvalidArgument : public QRX_LogicError {
-public:
+  public:
     using QRX_LogicError::QRX_LogicError;
 };
 
@@ -40,7 +38,7 @@ public:
 namespace QRX_Status {
 constexpr int32_t NullReference = 40460;
 constexpr int32_t InvalidArgument = 40463;
-}  // namespace QRX_Status
+} // namespace QRX_Status
 
 // The layer's logic-error helper: one place that builds and throws the error.
 [[noreturn]] inline void ThrowLogicError(int32_t status, const std::string& message)

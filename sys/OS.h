@@ -2,6 +2,6 @@
 #pragma once
 
 class OS {
-public:
+  public:
     static long getpid();
 };

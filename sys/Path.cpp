@@ -38,26 +38,26 @@ bool Stat(const std::wstring& path, struct stat& st)
     try {
         return ::stat(Path::native(path).c_str(), &st) == 0;
     } catch (const std::exception&) {
-        return false;  // a path that is not valid text names nothing
+        return false; // a path that is not valid text names nothing
     }
 }
-}  // namespace
+} // namespace
 
 bool Path::isdir(const std::wstring& path)
 {
-    struct stat st{};
+    struct stat st {};
     return Stat(path, st) && S_ISDIR(st.st_mode);
 }
 
 bool Path::isfile(const std::wstring& path)
 {
-    struct stat st{};
+    struct stat st {};
     return Stat(path, st) && S_ISREG(st.st_mode);
 }
 
 bool Path::exists(const std::wstring& path)
 {
-    struct stat st{};
+    struct stat st {};
     return Stat(path, st);
 }
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 class Path {
-public:
+  public:
     // Splits at the extension of the last component: "dir/a.log" gives
     // ("dir/a", ".log"); a leading dot ("dir/.profile") is no extension.
     static std::pair<std::wstring, std::wstring> splitext(const std::wstring& path);
@@ -14,5 +14,5 @@ public:
     static bool isdir(const std::wstring& path);
     static bool isfile(const std::wstring& path);
     static bool exists(const std::wstring& path);
-    static std::string native(const std::wstring& path);  // UTF-8 bytes for the OS
+    static std::string native(const std::wstring& path); // UTF-8 bytes for the OS
 };

@@ -7,7 +7,7 @@
 #include <new>
 
 class RefCntObject {
-public:
+  public:
     RefCntObject() = default;
     RefCntObject(const RefCntObject&) = delete;
     RefCntObject& operator=(const RefCntObject&) = delete;
@@ -23,9 +23,9 @@ public:
     static void* operator new(std::size_t size) { return ::operator new(size); }
     static void operator delete(void* p) noexcept { ::operator delete(p); }
 
-protected:
+  protected:
     virtual ~RefCntObject() = default;
 
-private:
+  private:
     mutable std::atomic<long> m_references{0};
 };

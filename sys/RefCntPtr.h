@@ -8,20 +8,18 @@
 
 #include <utility>
 
-template <class T, class Base = RefCntObject>
-class RefCntPtr {
-public:
+template <class T, class Base = RefCntObject> class RefCntPtr {
+  public:
     RefCntPtr() = default;
-    RefCntPtr(T* p) : m_ptr(p) { Acquire(); }  // NOLINT: implicit on purpose, like a raw pointer
+    RefCntPtr(T* p) : m_ptr(p) { Acquire(); } // NOLINT: implicit on purpose, like a raw pointer
     RefCntPtr(const RefCntPtr& other) : m_ptr(other.m_ptr) { Acquire(); }
     RefCntPtr(RefCntPtr&& other) noexcept : m_ptr(std::exchange(other.m_ptr, nullptr)) {}
-    template <class U>
-    RefCntPtr(const RefCntPtr<U, Base>& other) : m_ptr(other.get()) { Acquire(); }
+    template <class U> RefCntPtr(const RefCntPtr<U, Base>& other) : m_ptr(other.get()) { Acquire(); }
     ~RefCntPtr() { Release(); }
 
     RefCntPtr& operator=(const RefCntPtr& other)
     {
-        RefCntPtr(other).swap(*this);  // takes the new reference before dropping the old
+        RefCntPtr(other).swap(*this); // takes the new reference before dropping the old
         return *this;
     }
     RefCntPtr& operator=(RefCntPtr&& other) noexcept
@@ -37,9 +35,17 @@ public:
     void reset() { RefCntPtr().swap(*this); }
     void swap(RefCntPtr& other) noexcept { std::swap(m_ptr, other.m_ptr); }
 
-private:
-    void Acquire() const { if (m_ptr) static_cast<const Base*>(m_ptr)->AddReference(); }
-    void Release() { if (m_ptr) static_cast<const Base*>(m_ptr)->RemoveReference(); }
+  private:
+    void Acquire() const
+    {
+        if (m_ptr)
+            static_cast<const Base*>(m_ptr)->AddReference();
+    }
+    void Release()
+    {
+        if (m_ptr)
+            static_cast<const Base*>(m_ptr)->RemoveReference();
+    }
     T* Checked() const
     {
         if (!m_ptr)

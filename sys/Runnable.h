@@ -4,6 +4,6 @@
 #include "sys/RefCntObject.h"
 
 class Runnable : public RefCntObject {
-public:
+  public:
     virtual void Run() = 0;
 };

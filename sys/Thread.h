@@ -9,7 +9,7 @@
 #include <thread>
 
 class Thread : public RefCntObject {
-public:
+  public:
     explicit Thread(RefCntPtr<Runnable> runnable);
     ~Thread() override;
 
@@ -17,7 +17,7 @@ public:
     void Join();
     bool Joinable() const { return m_thread.joinable(); }
 
-private:
+  private:
     RefCntPtr<Runnable> m_runnable;
     std::thread m_thread;
 };

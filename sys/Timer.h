@@ -4,7 +4,7 @@
 #include <chrono>
 
 class Timer {
-public:
+  public:
     Timer() { Start(); }
     void Start() { m_start = std::chrono::steady_clock::now(); }
     void Reset() { Start(); }
@@ -13,6 +13,6 @@ public:
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
     }
 
-private:
+  private:
     std::chrono::steady_clock::time_point m_start;
 };

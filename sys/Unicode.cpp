@@ -41,8 +41,7 @@ int32_t IcuLength(std::size_t length, const Stage& stage)
 // &status)` wraps the ICU call; the result is sized to exactly the measured
 // length. ICU's warnings (for instance "not terminated" when the buffer is
 // filled exactly) count as success.
-template <class Result, class Convert>
-Result TwoPass(const Stage& stage, Convert convert)
+template <class Result, class Convert> Result TwoPass(const Stage& stage, Convert convert)
 {
     UErrorCode status = U_ZERO_ERROR;
     int32_t length = 0;
@@ -86,18 +85,17 @@ std::string Utf16ToUtf8(const unsigned short* s, std::size_t length)
     });
 }
 
-template <class Result>
-Result Utf16ToUtf32(const unsigned short* s, std::size_t length)
+template <class Result> Result Utf16ToUtf32(const unsigned short* s, std::size_t length)
 {
     static_assert(sizeof(typename Result::value_type) == sizeof(UChar32), "32-bit units");
     const int32_t n = IcuLength(length, kUtf16ToUtf32);
-    return TwoPass<Result>(kUtf16ToUtf32, [&](typename Result::value_type* dest, int32_t cap, int32_t* len, UErrorCode* st) {
-        u_strToUTF32(reinterpret_cast<UChar32*>(dest), cap, len, reinterpret_cast<const UChar*>(s), n, st);
-    });
+    return TwoPass<Result>(
+        kUtf16ToUtf32, [&](typename Result::value_type* dest, int32_t cap, int32_t* len, UErrorCode* st) {
+            u_strToUTF32(reinterpret_cast<UChar32*>(dest), cap, len, reinterpret_cast<const UChar*>(s), n, st);
+        });
 }
 
-template <class Unit>
-std::size_t TerminatedLength(const Unit* s)
+template <class Unit> std::size_t TerminatedLength(const Unit* s)
 {
     std::size_t n = 0;
     while (s[n] != 0)
@@ -105,7 +103,7 @@ std::size_t TerminatedLength(const Unit* s)
     return n;
 }
 
-}  // namespace
+} // namespace
 
 // --- ToUTF8 ---
 const std::string& ToUTF8::operator()(const std::wstring& s)
@@ -114,14 +112,23 @@ const std::string& ToUTF8::operator()(const std::wstring& s)
     m_result = Utf16ToUtf8(u16.data(), u16.size());
     return m_result;
 }
-const std::string& ToUTF8::operator()(const wchar_t* s) { return (*this)(reinterpret_cast<const unsigned int*>(s)); }
-const std::string& ToUTF8::operator()(const unsigned short* s) { return (*this)(s, TerminatedLength(s)); }
+const std::string& ToUTF8::operator()(const wchar_t* s)
+{
+    return (*this)(reinterpret_cast<const unsigned int*>(s));
+}
+const std::string& ToUTF8::operator()(const unsigned short* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const std::string& ToUTF8::operator()(const unsigned short* s, std::size_t length)
 {
     m_result = Utf16ToUtf8(s, length);
     return m_result;
 }
-const std::string& ToUTF8::operator()(const unsigned int* s) { return (*this)(s, TerminatedLength(s)); }
+const std::string& ToUTF8::operator()(const unsigned int* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const std::string& ToUTF8::operator()(const unsigned int* s, std::size_t length)
 {
     UTF16String u16 = Utf32ToUtf16(s, length);
@@ -130,25 +137,37 @@ const std::string& ToUTF8::operator()(const unsigned int* s, std::size_t length)
 }
 
 // --- ToUTF16 ---
-const UTF16String& ToUTF16::operator()(const char* s) { return (*this)(s, TerminatedLength(s)); }
+const UTF16String& ToUTF16::operator()(const char* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const UTF16String& ToUTF16::operator()(const char* s, std::size_t length)
 {
     m_result = Utf8ToUtf16(s, length);
     return m_result;
 }
-const UTF16String& ToUTF16::operator()(const std::string& s) { return (*this)(s.data(), s.size()); }
+const UTF16String& ToUTF16::operator()(const std::string& s)
+{
+    return (*this)(s.data(), s.size());
+}
 const UTF16String& ToUTF16::operator()(const std::wstring& s)
 {
     m_result = Utf32ToUtf16(s.data(), s.size());
     return m_result;
 }
-const UTF16String& ToUTF16::operator()(const unsigned int* s) { return (*this)(s, TerminatedLength(s)); }
+const UTF16String& ToUTF16::operator()(const unsigned int* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const UTF16String& ToUTF16::operator()(const unsigned int* s, std::size_t length)
 {
     m_result = Utf32ToUtf16(s, length);
     return m_result;
 }
-const UTF16String& ToUTF16::operator()(const unsigned short* s) { return (*this)(s, TerminatedLength(s)); }
+const UTF16String& ToUTF16::operator()(const unsigned short* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const UTF16String& ToUTF16::operator()(const unsigned short* s, std::size_t length)
 {
     m_result.assign(s, length);
@@ -156,15 +175,24 @@ const UTF16String& ToUTF16::operator()(const unsigned short* s, std::size_t leng
 }
 
 // --- ToUTF32 ---
-const UTF32String& ToUTF32::operator()(const char* s) { return (*this)(s, TerminatedLength(s)); }
+const UTF32String& ToUTF32::operator()(const char* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const UTF32String& ToUTF32::operator()(const char* s, std::size_t length)
 {
     UTF16String u16 = Utf8ToUtf16(s, length);
     m_result = Utf16ToUtf32<UTF32String>(u16.data(), u16.size());
     return m_result;
 }
-const UTF32String& ToUTF32::operator()(const std::string& s) { return (*this)(s.data(), s.size()); }
-const UTF32String& ToUTF32::operator()(const unsigned short* s) { return (*this)(s, TerminatedLength(s)); }
+const UTF32String& ToUTF32::operator()(const std::string& s)
+{
+    return (*this)(s.data(), s.size());
+}
+const UTF32String& ToUTF32::operator()(const unsigned short* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const UTF32String& ToUTF32::operator()(const unsigned short* s, std::size_t length)
 {
     m_result = Utf16ToUtf32<UTF32String>(s, length);
@@ -178,21 +206,33 @@ const UTF32String& ToUTF32::operator()(const std::wstring& s)
 }
 
 // --- ToWideChar ---
-const std::wstring& ToWideChar::operator()(const char* s) { return (*this)(s, TerminatedLength(s)); }
+const std::wstring& ToWideChar::operator()(const char* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const std::wstring& ToWideChar::operator()(const char* s, std::size_t length)
 {
     UTF16String u16 = Utf8ToUtf16(s, length);
     m_result = Utf16ToUtf32<std::wstring>(u16.data(), u16.size());
     return m_result;
 }
-const std::wstring& ToWideChar::operator()(const std::string& s) { return (*this)(s.data(), s.size()); }
-const std::wstring& ToWideChar::operator()(const unsigned short* s) { return (*this)(s, TerminatedLength(s)); }
+const std::wstring& ToWideChar::operator()(const std::string& s)
+{
+    return (*this)(s.data(), s.size());
+}
+const std::wstring& ToWideChar::operator()(const unsigned short* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const std::wstring& ToWideChar::operator()(const unsigned short* s, std::size_t length)
 {
     m_result = Utf16ToUtf32<std::wstring>(s, length);
     return m_result;
 }
-const std::wstring& ToWideChar::operator()(const unsigned int* s) { return (*this)(s, TerminatedLength(s)); }
+const std::wstring& ToWideChar::operator()(const unsigned int* s)
+{
+    return (*this)(s, TerminatedLength(s));
+}
 const std::wstring& ToWideChar::operator()(const unsigned int* s, std::size_t length)
 {
     UTF16String u16 = Utf32ToUtf16(s, length);
@@ -200,4 +240,4 @@ const std::wstring& ToWideChar::operator()(const unsigned int* s, std::size_t le
     return m_result;
 }
 
-}  // namespace Unicode
+} // namespace Unicode

@@ -24,9 +24,8 @@ namespace Unicode {
 using UTF16String = std::basic_string<unsigned short>;
 using UTF32String = std::basic_string<unsigned int>;
 
-template <class String>
-class Converted {
-public:
+template <class String> class Converted {
+  public:
     using value_type = typename String::value_type;
 
     const String& str() const { return m_result; }
@@ -37,12 +36,12 @@ public:
     typename String::const_iterator end() const { return m_result.end(); }
     std::size_t size() const { return m_result.size(); }
 
-protected:
+  protected:
     String m_result;
 };
 
 class ToUTF8 : public Converted<std::string> {
-public:
+  public:
     ToUTF8() = default;
     explicit ToUTF8(const std::wstring& s) { (*this)(s); }
     explicit ToUTF8(const wchar_t* s) { (*this)(s); }
@@ -60,7 +59,7 @@ public:
 };
 
 class ToUTF16 : public Converted<UTF16String> {
-public:
+  public:
     ToUTF16() = default;
     explicit ToUTF16(const char* s) { (*this)(s); }
     ToUTF16(const char* s, std::size_t length) { (*this)(s, length); }
@@ -82,7 +81,7 @@ public:
 };
 
 class ToUTF32 : public Converted<UTF32String> {
-public:
+  public:
     ToUTF32() = default;
     explicit ToUTF32(const char* s) { (*this)(s); }
     ToUTF32(const char* s, std::size_t length) { (*this)(s, length); }
@@ -100,7 +99,7 @@ public:
 };
 
 class ToWideChar : public Converted<std::wstring> {
-public:
+  public:
     ToWideChar() = default;
     explicit ToWideChar(const char* s) { (*this)(s); }
     ToWideChar(const char* s, std::size_t length) { (*this)(s, length); }
@@ -119,4 +118,4 @@ public:
     const std::wstring& operator()(const unsigned int* s, std::size_t length);
 };
 
-}  // namespace Unicode
+} // namespace Unicode

@@ -26,7 +26,13 @@ datetime Make(bool local)
     return d;
 }
 
-}  // namespace
+} // namespace
 
-datetime datetime::now() { return Make(true); }
-datetime datetime::utc() { return Make(false); }
+datetime datetime::now()
+{
+    return Make(true);
+}
+datetime datetime::utc()
+{
+    return Make(false);
+}

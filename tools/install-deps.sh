@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  cmake g++ make pkg-config python3 openssl ca-certificates
+  cmake g++ make pkg-config python3 openssl ca-certificates git clang-format
   libcurl4-openssl-dev libssl-dev libexpat1-dev
   qtbase5-dev libtbb-dev libboost-dev libicu-dev
   libgtest-dev libgmock-dev

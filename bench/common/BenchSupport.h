@@ -15,7 +15,10 @@ namespace OrvaneBench {
 using Utf16 = std::basic_string<unsigned short>;
 
 // The benchmarks pass ASCII only (URLs, names, temp paths).
-inline Utf16 ToUtf16(const std::string& ascii) { return Utf16(ascii.begin(), ascii.end()); }
+inline Utf16 ToUtf16(const std::string& ascii)
+{
+    return Utf16(ascii.begin(), ascii.end());
+}
 
 inline double Seconds(clockid_t clock)
 {
@@ -24,10 +27,19 @@ inline double Seconds(clockid_t clock)
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-inline double WallSeconds() { return Seconds(CLOCK_MONOTONIC); }
+inline double WallSeconds()
+{
+    return Seconds(CLOCK_MONOTONIC);
+}
 // Every thread of the process, the library's log writer included.
-inline double ProcessCpuSeconds() { return Seconds(CLOCK_PROCESS_CPUTIME_ID); }
-inline double ThreadCpuSeconds() { return Seconds(CLOCK_THREAD_CPUTIME_ID); }
+inline double ProcessCpuSeconds()
+{
+    return Seconds(CLOCK_PROCESS_CPUTIME_ID);
+}
+inline double ThreadCpuSeconds()
+{
+    return Seconds(CLOCK_THREAD_CPUTIME_ID);
+}
 
 // The number after `key` in /proc/self/`file`, -1 when there is none. Used for
 // VmHWM (status), the peak resident set of this process image (getrusage's
@@ -47,8 +59,14 @@ inline long ProcSelf(const char* file, const char* key)
     return value;
 }
 
-inline void Report(const std::string& key, double value) { std::printf("%s=%.9g\n", key.c_str(), value); }
-inline void Report(const std::string& key, long value) { std::printf("%s=%ld\n", key.c_str(), value); }
+inline void Report(const std::string& key, double value)
+{
+    std::printf("%s=%.9g\n", key.c_str(), value);
+}
+inline void Report(const std::string& key, long value)
+{
+    std::printf("%s=%ld\n", key.c_str(), value);
+}
 
 [[noreturn]] inline void Fail(const std::string& what)
 {
@@ -65,4 +83,4 @@ inline int Number(int argc, char** argv, int i, int fallback, int low, int high)
     return value;
 }
 
-}  // namespace OrvaneBench
+} // namespace OrvaneBench

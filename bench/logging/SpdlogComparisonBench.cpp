@@ -24,11 +24,11 @@
 
 using namespace OrvaneBench;
 using OrvaneInternal::SimpleLogger;
-using Lines = std::vector<std::vector<std::string>>;  // thread t logs lines[t]
+using Lines = std::vector<std::vector<std::string>>; // thread t logs lines[t]
 
 namespace {
 
-constexpr int kLines = 100000;  // per measurement, whatever the thread count
+constexpr int kLines = 100000; // per measurement, whatever the thread count
 
 // A fresh directory under $TMPDIR (or /tmp), removed afterwards.
 struct Directory {
@@ -50,13 +50,12 @@ Lines MakeLines(int threads)
 }
 
 struct Timing {
-    double callers;  // until the last caller returned
-    double written;  // until every line was on disk and the writer joined
+    double callers; // until the last caller returned
+    double written; // until every line was on disk and the writer joined
 };
 
 // Every line through log() on its own thread, then stop(), which returns once all is written.
-template <typename Log, typename Stop>
-Timing Measure(const Lines& lines, Log log, Stop stop)
+template <typename Log, typename Stop> Timing Measure(const Lines& lines, Log log, Stop stop)
 {
     std::vector<std::thread> workers;
     const double start = WallSeconds();
@@ -79,8 +78,12 @@ Timing Library(const Lines& lines)
     RefCntPtr<SimpleLogger> logger(new SimpleLogger(std::wstring(file.begin(), file.end()), 0));
     RefCntPtr<Thread> writer(new Thread(RefCntPtr<Runnable>(logger)));
     writer->Start();
-    return Measure(lines, [&](const std::string& line) { logger->QueueMessage(line); },
-                   [&] { logger->QueueStop(); writer->Join(); });
+    return Measure(
+        lines, [&](const std::string& line) { logger->QueueMessage(line); },
+        [&] {
+            logger->QueueStop();
+            writer->Join();
+        });
 }
 
 Timing Spdlog(const Lines& lines)
@@ -91,12 +94,17 @@ Timing Spdlog(const Lines& lines)
     auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(dir.path + "/bench.log", true);
     auto logger = std::make_shared<spdlog::async_logger>("bench", sink, pool, spdlog::async_overflow_policy::block);
     logger->set_pattern("%Y-%m-%d %H:%M:%S.%e (%t): %v");
-    logger->flush_on(spdlog::level::trace);  // a flush after every line, as the library does
+    logger->flush_on(spdlog::level::trace); // a flush after every line, as the library does
     // Dropping the pool joins its worker once it has written everything queued.
-    return Measure(lines, [&](const std::string& line) { logger->info(line); }, [&] { logger.reset(); pool.reset(); });
+    return Measure(
+        lines, [&](const std::string& line) { logger->info(line); },
+        [&] {
+            logger.reset();
+            pool.reset();
+        });
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -104,7 +112,7 @@ int main(int argc, char** argv)
     const Lines lines1 = MakeLines(1), lines8 = MakeLines(8);
     Timing (*const logger[2])(const Lines&) = {&Library, &Spdlog};
     for (int round = 0; round < rounds; ++round) {
-        Timing t[2][2];  // [library, spdlog][1 thread, 8 threads]
+        Timing t[2][2]; // [library, spdlog][1 thread, 8 threads]
         // Alternate which logger goes first, so neither always meets a warm cache.
         for (int turn = 0; turn < 2; ++turn) {
             const int who = (turn + round) % 2;

@@ -21,7 +21,7 @@ namespace {
 void OnStart(void*, const XML_Char*, const XML_Char**) {}
 void OnEnd(void*, const XML_Char*) {}
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv)
 {

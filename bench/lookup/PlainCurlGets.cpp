@@ -44,7 +44,7 @@ size_t Get(const std::string& url, curl_slist* headers)
     return bytes;
 }
 
-}  // namespace
+} // namespace
 
 // One round of GETs; named and not inlined, so that a profiler can collect
 // exactly this (callgrind --toggle-collect=RunPages*).

@@ -33,7 +33,7 @@ double Cycle()
     return WallSeconds() - start;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv)
 {

@@ -21,8 +21,7 @@ using namespace OrvaneBench;
 namespace {
 
 // read(2) or send(2) until it does not fail with EINTR.
-template <typename Call>
-ssize_t Retry(const char* what, Call call)
+template <typename Call> ssize_t Retry(const char* what, Call call)
 {
     ssize_t n;
     while ((n = call()) < 0 && errno == EINTR) {
@@ -32,7 +31,7 @@ ssize_t Retry(const char* what, Call call)
     return n;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv)
 {

@@ -9,7 +9,6 @@
 
 #include <orvane/OrvaneServerExt.h>
 
-
 using namespace OrvaneBench;
 
 namespace {
@@ -24,9 +23,12 @@ void Check(const char* step, ORV_RESULT rc)
 }
 
 // The cheapest progress callback a caller could give: what remains is the library's own cost.
-int IgnoreProgress(void*, uint64_t, uint64_t) { return 0; }
+int IgnoreProgress(void*, uint64_t, uint64_t)
+{
+    return 0;
+}
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -44,12 +46,11 @@ int main(int argc, char** argv)
           OrvServerConnectionConnect(connection, server.c_str(), user.c_str(), password.c_str(), site.c_str()));
     const char* mode = argc > 5 ? argv[5] : "plain";
     if (std::strcmp(mode, "limits") == 0) {
-        for (ORV_RESULT rc : {OrvServerConnectionSetProgressCallback(connection, IgnoreProgress, nullptr),
-                              OrvServerConnectionEnableCancel(connection),
-                              OrvServerConnectionSetConnectTimeout(connection, 10),
-                              OrvServerConnectionSetStallTimeout(connection, 60),
-                              OrvServerConnectionSetMaxRedirects(connection, 5),
-                              OrvServerConnectionSetMaxReplySize(connection, 1 << 20)})
+        for (ORV_RESULT rc :
+             {OrvServerConnectionSetProgressCallback(connection, IgnoreProgress, nullptr),
+              OrvServerConnectionEnableCancel(connection), OrvServerConnectionSetConnectTimeout(connection, 10),
+              OrvServerConnectionSetStallTimeout(connection, 60), OrvServerConnectionSetMaxRedirects(connection, 5),
+              OrvServerConnectionSetMaxReplySize(connection, 1 << 20)})
             Check("an extension setter", rc);
     } else if (std::strcmp(mode, "buffer512k") == 0) {
         Check("OrvServerConnectionSetUploadBufferSize", OrvServerConnectionSetUploadBufferSize(connection, 512 << 10));

@@ -73,8 +73,7 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionCreate(void** handle);
  * slashes are dropped); `siteID` is the site's content URL ("" for the
  * default site). Signing in again first signs out. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionConnect(void* handle, const unsigned short* host,
-                                                     const unsigned short* username,
-                                                     const unsigned short* password,
+                                                     const unsigned short* username, const unsigned short* password,
                                                      const unsigned short* siteID);
 
 /* Uploads the extract at `path` (ending in ".qrx", case-sensitive) into the

@@ -30,7 +30,7 @@
 #include <stdint.h>
 
 #define ORV_VERSION_MAJOR 1
-#define ORV_VERSION_MINOR 1
+#define ORV_VERSION_MINOR 2
 #define ORV_VERSION_PATCH 0
 
 #ifdef __cplusplus
@@ -123,6 +123,114 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* s
  * when the last call was not refused by the server. The pointer stays valid
  * until the next call on the handle. Works on every handle. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reason);
+
+/* ---- Failures a program can act on ----------------------------------------
+ * Every call on a handle records what kind of failure ended it (None after a
+ * success), beside its result code and text; tools decide what to retry or
+ * how to report from the kind, never from the text. */
+typedef enum {
+    ORV_FAILURE_None = 0,
+    ORV_FAILURE_SignInRefused = 1,   /* credentials or site refused at sign-in */
+    ORV_FAILURE_ProjectNotFound = 2, /* no project of that name on the site */
+    ORV_FAILURE_ExtractUnusable = 3, /* missing, not a regular file, wrong suffix, unreadable, changed while sent */
+    ORV_FAILURE_AlreadyExists = 4,   /* 409 on publish without overwrite */
+    ORV_FAILURE_Refused = 5,         /* any other 4xx */
+    ORV_FAILURE_ServerError = 6,     /* 5xx */
+    ORV_FAILURE_ReplyUnreadable = 7, /* a reply the library cannot read */
+    ORV_FAILURE_Resolve = 8,         /* the server's or proxy's name does not resolve */
+    ORV_FAILURE_Connect = 9,         /* no connection to the server or proxy */
+    ORV_FAILURE_Tls = 10,            /* TLS handshake or certificate check failed */
+    ORV_FAILURE_Proxy = 11,          /* the proxy refused or failed the tunnel */
+    ORV_FAILURE_ConnectionLost = 12, /* reset or closed mid-exchange */
+    ORV_FAILURE_TooManyRedirects = 13,
+    ORV_FAILURE_RedirectRefused = 14, /* a redirect the handle's redirect policy forbids */
+    ORV_FAILURE_ReplyTooLarge = 15,   /* the reply passed OrvServerConnectionSetMaxReplySize */
+    ORV_FAILURE_ConnectTimeout = 16,
+    ORV_FAILURE_StallTimeout = 17,
+    ORV_FAILURE_ReplyTimeout = 18, /* the server took too long to answer a fully sent upload */
+    ORV_FAILURE_TotalTimeout = 19,
+    ORV_FAILURE_Cancelled = 20,
+    ORV_FAILURE_Other = 21 /* anything else: a local failure, out of memory, ... */
+} ORV_FAILURE;
+
+/* The failure kind of the handle's last call and libcurl's code for it
+ * (0 when none); `transportCode` may be null. Reset at the start of each
+ * call. Works on every handle and changes nothing on the wire. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionGetFailure(void* handle, ORV_FAILURE* kind, long* transportCode);
+
+/* Non-zero for the kinds worth another try: connect, connection lost,
+ * time-outs and 5xx. */
+ORV_SERVER_API int OrvFailureIsTransient(ORV_FAILURE kind);
+
+/* The kind's name without its prefix ("ProjectNotFound"); "Unknown" for a
+ * value outside the enumeration. A static string. */
+ORV_SERVER_API const char* OrvFailureName(ORV_FAILURE kind);
+
+/* How much of the last call's upload body libcurl took for sending (`sent`)
+ * and its length (`total`); both 0 when the last call uploaded nothing. A
+ * failure with sent == total may have reached the server whole. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionGetUploadProgress(void* handle, uint64_t* sent, uint64_t* total);
+
+/* ---- Time limits and redirects -------------------------------------------- */
+
+/* Gives up when the server has not begun its answer `seconds` after the whole
+ * upload body was sent (a large extract may take the server a while to
+ * commit); 0 means never. The stall limit does not run during that wait. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionSetReplyTimeout(void* handle, long seconds);
+
+/* Bounds each call as a whole, whatever it is doing; 0 means no limit. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionSetTotalTimeout(void* handle, long seconds);
+
+typedef enum {
+    ORV_REDIRECT_Follow = 0,      /* every redirect, as without the call */
+    ORV_REDIRECT_NoDowngrade = 1, /* never from https to http */
+    ORV_REDIRECT_SameOrigin = 2   /* same scheme, host and port only */
+} ORV_REDIRECT_POLICY;
+
+/* Which redirects the handle follows. A refused one fails the call with
+ * ORV_SERVER_NetworkFailure (400) and ORV_FAILURE_RedirectRefused, the text
+ * naming the target. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionSetRedirectPolicy(void* handle, ORV_REDIRECT_POLICY policy);
+
+/* ---- Fewer round trips ---------------------------------------------------- */
+
+/* Non-zero: every request of the handle goes over one kept-alive connection
+ * and TLS session, replaced without notice when the server closes it. 0 (the
+ * default): a new connection for every request. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionSetConnectionReuse(void* handle, int enable);
+
+/* Remembers a project's id for `seconds` (0: never, the default) until the
+ * next Connect or Disconnect, so a publish to a known project skips the page
+ * walk; an upload the server answers with 404 walks the pages again once. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionSetProjectCache(void* handle, long seconds);
+
+/* 0: uploads go out without "Expect: 100-continue" (no idle round trip
+ * before the body). Non-zero (the default) restores libcurl's behaviour. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionSetExpectContinue(void* handle, int enable);
+
+/* ---- Sign-out --------------------------------------------------------------- */
+
+/* Signs the session out on the server (POST .../auth/signout with the token)
+ * and then disconnects, also when the server's answer is a failure. */
+ORV_SERVER_API ORV_RESULT OrvServerConnectionSignOut(void* handle);
+
+/* ---- The log ------------------------------------------------------------------ */
+
+/* Where OrvServerAPIInitialize puts the log: this directory (UTF-16) instead
+ * of ORV_SDK_LOGDIR or the working directory; null restores that rule. Call
+ * before OrvServerAPIInitialize. */
+ORV_SERVER_API ORV_RESULT OrvServerAPISetLogDirectory(const unsigned short* path);
+
+/* The log file in use (UTF-8), valid until OrvServerAPICleanup; null when the
+ * library is not started or no log could be opened. */
+ORV_SERVER_API const char* OrvServerAPIGetLogPath(void);
+
+/* Called with every line the log writes (UTF-8, without the line end), from
+ * the log's writer thread, never from the caller's. */
+typedef void (*ORV_LOG_LISTENER)(void* userData, const char* line);
+
+/* Sets (or, with a null listener, removes) the log listener. */
+ORV_SERVER_API ORV_RESULT OrvServerAPISetLogListener(ORV_LOG_LISTENER listener, void* userData);
 
 #ifdef __cplusplus
 }

@@ -20,7 +20,7 @@ from typing import Any, Callable, Iterator, List, Optional, Tuple, Type, Union
 
 from . import _native
 
-__version__ = "1.1.0"
+__version__ = "1.2.0"
 __all__ = ["Session", "PublishError", "SignInError", "ProjectNotFound", "ExtractFileError", "AlreadyExists",
            "TransferError", "ServerError", "TimedOut", "Cancelled", "library_version"]
 

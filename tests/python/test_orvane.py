@@ -182,5 +182,5 @@ def test_pip_installs_offline_and_finds_the_library_in_the_prefix(tmp_path):
     shown = subprocess.run([python, "-c", "import orvane; print(orvane.__file__, orvane.library_version(), "
                             "orvane._native.library()._name)"], cwd=tmp_path, env=env, capture_output=True,
                            text=True, check=True, timeout=60).stdout.split()
-    assert shown == [str(venv / "lib" / version / "site-packages" / "orvane" / "__init__.py"), "1.1.0",
+    assert shown == [str(venv / "lib" / version / "site-packages" / "orvane" / "__init__.py"), "1.2.0",
                      str(venv / "lib" / "libOrvaneServer.so.1")]

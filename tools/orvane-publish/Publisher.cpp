@@ -306,9 +306,8 @@ Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf1
 
 Outcome Session::FindProject()
 {
-    Outcome out = Retrying("project", false, [&] {
-        return OrvServerConnectionFindProject(m_handle, m_settings.project.c_str());
-    });
+    Outcome out = Retrying("project", false,
+                           [&] { return OrvServerConnectionFindProject(m_handle, m_settings.project.c_str()); });
     if (out.kind == Kind::Published) {
         out.kind = Kind::Checked;
         out.message = "checked";
