@@ -10,8 +10,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <curl/curl.h>
+
 #include <cstdio>
 #include <functional>
+#include <set>
 
 namespace CapiTest {
 namespace {
@@ -21,15 +24,17 @@ using OrvaneTest::Script;
 const char kSignInPath[] = "/api/2.0/auth/signin";
 constexpr std::uint64_t kStep = 64 * 1024;
 
-// A loopback port whose connections wait in the backlog, never accepted: a
-// TLS handshake there never gets an answer.
+// A loopback port held by this process. Listening, its connections wait in
+// the backlog, never accepted: a TLS handshake there never gets an answer.
+// Not listening, it refuses every connection.
 class SilentListener {
   public:
-    SilentListener() : m_socket(::socket(AF_INET, SOCK_STREAM, 0))
+    explicit SilentListener(bool listening) : m_socket(::socket(AF_INET, SOCK_STREAM, 0))
     {
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
-        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(m_socket, 8) != 0 ||
+        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            (listening && ::listen(m_socket, 8) != 0) ||
             ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
             throw std::runtime_error("no loopback listener");
         m_port = ntohs(address.sin_port);
@@ -116,12 +121,14 @@ TEST_F(ExtensionTest, ProgressRisesFromZeroToTheBodyLength)
     }
 }
 
-// Each call is stopped by what the row set: a cancel from another thread, a
-// callback, a time limit, a limit on redirects or on the reply, or trust.
-TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
+// Each call ends as the row's setting or peer makes it end: the result code
+// and text of the eight functions, and the failure kind a program acts on,
+// with libcurl's code and how much of the upload went out.
+TEST_F(ExtensionTest, FailuresCarryTheirKind)
 {
     using Setup = std::function<void(void* handle, const TestHttpServer& server)>;
     const auto with = [](void (*set)(void*)) { return Setup([set](void* h, const TestHttpServer&) { set(h); }); };
+    const Setup none = with([](void*) {});
     const Setup enableCancel = with([](void* h) { OrvServerConnectionEnableCancel(h); });
     const Setup stall = with([](void* h) { OrvServerConnectionSetStallTimeout(h, 1); });
     const auto trust = [this](bool directory) {
@@ -131,50 +138,145 @@ TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
             OrvServerConnectionSetCACertificates(handle, U(path).c_str());
         };
     };
+    const TinyProxy proxy(ProxyOptions{"relay", "secret"});
+    const Setup refusingProxy = [&proxy](void*, const TestHttpServer&) { SetProxyEnvironment(proxy.Url()); };
     const Response heldUpload = Response(201).Body(kPublishReply).HoldBodyAt(256 * 1024, 10);
     const Script heldSignIn = Script().On(kSignInPath, Response(200).Body(kSignInReply).HoldBodyAt(0, 10));
     const Script signIn = Script().On(kSignInPath, Response(200).Body(kSignInReply));
+    const Script published = PublishScript({Response(201).Body(kPublishReply)});
+    const std::set<long> noCode{0};
+    const std::set<long> aborted{CURLE_ABORTED_BY_CALLBACK};
+    enum Peer { Scripted, Tls, Silent, Refusing };
+    enum Call { SignIn, Publish, PublishMissing, PublishToNowhere };
+    enum Upload { NoUpload, PartOfIt, AllOfIt };
     const struct {
         const char* name;
         Script script;
         Setup setup;
-        bool publish;      // else the sign-in is the call under test
+        Call call;
         bool cancelOnHold; // another thread cancels once the server holds the body
         ORV_RESULT expected;
         std::string error; // the start of the last error
-        bool tls = false;
-        bool silent = false; // sign in at a port that never answers
+        ORV_FAILURE kind;
+        std::set<long> codes; // libcurl's
+        Upload upload;
+        Peer peer = Scripted;
     } rows[] = {
-        {"cancel a held upload", PublishScript({heldUpload}), enableCancel, true, true, ORV_RESULT_Cancelled,
-         "Cancelled"},
-        {"cancel a silent sign-in", heldSignIn, enableCancel, false, true, ORV_RESULT_Cancelled, "Cancelled"},
-        {"cancel before the call", signIn, with([](void* h) { OrvServerConnectionCancel(h); }), false, false,
-         ORV_RESULT_Cancelled, "Cancelled"},
-        {"progress callback says stop", PublishScript({Response(201).Body(kPublishReply)}), with([](void* h) {
+        {"cancel a held upload", PublishScript({heldUpload}), enableCancel, Publish, true, ORV_RESULT_Cancelled,
+         "Cancelled", ORV_FAILURE_Cancelled, aborted, PartOfIt},
+        {"cancel a silent sign-in", heldSignIn, enableCancel, SignIn, true, ORV_RESULT_Cancelled, "Cancelled",
+         ORV_FAILURE_Cancelled, aborted, NoUpload},
+        {"cancel before the call", signIn, with([](void* h) { OrvServerConnectionCancel(h); }), SignIn, false,
+         ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, noCode, NoUpload},
+        {"progress callback says stop", published, with([](void* h) {
              OrvServerConnectionSetProgressCallback(
                  h, [](void*, std::uint64_t n, std::uint64_t) { return n > 0 ? 1 : 0; }, nullptr);
          }),
-         true, false, ORV_RESULT_Cancelled, "Cancelled"},
-        {"stall: silent sign-in", heldSignIn, stall, false, false, ORV_RESULT_TimedOut, "Timeout was reached"},
-        {"stall: held upload", PublishScript({heldUpload}), stall, true, false, ORV_RESULT_TimedOut,
-         "Timeout was reached"},
-        {"connect time-out", signIn, with([](void* h) { OrvServerConnectionSetConnectTimeout(h, 1); }), false, false,
-         ORV_RESULT_TimedOut, "Timeout was reached", false, true},
-        {"redirects forever", Script().On(kSignInPath, Response::Redirect(302, kSignInPath)),
-         with([](void* h) { OrvServerConnectionSetMaxRedirects(h, 3); }), false, false, ORV_SERVER_NetworkFailure,
-         "Number of redirects hit maximum amount"},
-        {"oversized reply", Script().On(kSignInPath, Response(200).Body(std::string(200000, 'x'))),
-         with([](void* h) { OrvServerConnectionSetMaxReplySize(h, 1000); }), false, false, ORV_SERVER_NetworkFailure,
-         "Server reply larger than the limit of 1000 bytes"},
-        {"self-signed, no CA", signIn, with([](void*) {}), false, false, ORV_SERVER_NetworkFailure, "SSL", true},
-        {"self-signed, CA file", signIn, trust(false), false, false, ORV_RESULT_Success, "", true},
-        {"self-signed, CA directory", signIn, trust(true), false, false, ORV_RESULT_Success, "", true},
+         Publish, false, ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, aborted, PartOfIt},
+        {"stall: silent sign-in", heldSignIn, stall, SignIn, false, ORV_RESULT_TimedOut, "Timeout was reached",
+         ORV_FAILURE_StallTimeout, aborted, NoUpload},
+        {"stall: held upload", PublishScript({heldUpload}), stall, Publish, false, ORV_RESULT_TimedOut,
+         "Timeout was reached", ORV_FAILURE_StallTimeout, aborted, PartOfIt},
+        {"connect time-out",
+         signIn,
+         with([](void* h) { OrvServerConnectionSetConnectTimeout(h, 1); }),
+         SignIn,
+         false,
+         ORV_RESULT_TimedOut,
+         "Timeout was reached",
+         ORV_FAILURE_ConnectTimeout,
+         {CURLE_OPERATION_TIMEDOUT},
+         NoUpload,
+         Silent},
+        {"refused port",
+         signIn,
+         none,
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "Couldn't connect to server",
+         ORV_FAILURE_Connect,
+         {CURLE_COULDNT_CONNECT},
+         NoUpload,
+         Refusing},
+        {"redirects forever",
+         Script().On(kSignInPath, Response::Redirect(302, kSignInPath)),
+         with([](void* h) { OrvServerConnectionSetMaxRedirects(h, 3); }),
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "Number of redirects hit maximum amount",
+         ORV_FAILURE_TooManyRedirects,
+         {CURLE_TOO_MANY_REDIRECTS},
+         NoUpload},
+        {"oversized reply",
+         Script().On(kSignInPath, Response(200).Body(std::string(200000, 'x'))),
+         with([](void* h) { OrvServerConnectionSetMaxReplySize(h, 1000); }),
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "Server reply larger than the limit of 1000 bytes",
+         ORV_FAILURE_ReplyTooLarge,
+         {CURLE_WRITE_ERROR},
+         NoUpload},
+        {"self-signed, no CA",
+         signIn,
+         none,
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "SSL",
+         ORV_FAILURE_Tls,
+         {CURLE_PEER_FAILED_VERIFICATION},
+         NoUpload,
+         Tls},
+        {"self-signed, CA file", signIn, trust(false), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode,
+         NoUpload, Tls},
+        {"self-signed, CA directory", signIn, trust(true), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None,
+         noCode, NoUpload, Tls},
+        {"proxy wants credentials",
+         signIn,
+         refusingProxy,
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "",
+         ORV_FAILURE_Proxy,
+         {CURLE_RECV_ERROR, CURLE_PROXY},
+         NoUpload,
+         Tls},
+        {"reset mid-upload",
+         PublishScript({Response(201).ReadBodyBytes(64 * 1024).ResetWithoutAnswer()}),
+         none,
+         Publish,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "",
+         ORV_FAILURE_ConnectionLost,
+         {CURLE_SEND_ERROR, CURLE_RECV_ERROR},
+         PartOfIt},
+        {"sign-in refused", Script().On(kSignInPath, Response(401)), none, SignIn, false,
+         ORV_SERVER_ServerResponseError, "Server Response Code: 401", ORV_FAILURE_SignInRefused, noCode, NoUpload},
+        {"409 without overwrite", PublishScript({Response(409)}), none, Publish, false, ORV_SERVER_ServerResponseError,
+         "Server Response Code: 409", ORV_FAILURE_AlreadyExists, noCode, AllOfIt},
+        {"other 4xx", PublishScript({Response(413)}), none, Publish, false, ORV_SERVER_ServerResponseError,
+         "Server Response Code: 413", ORV_FAILURE_Refused, noCode, AllOfIt},
+        {"5xx after the whole body", PublishScript({Response(502)}), none, Publish, false,
+         ORV_SERVER_ServerResponseError, "Server Response Code: 502", ORV_FAILURE_ServerError, noCode, AllOfIt},
+        {"reply not XML", PublishScript({Response(201).Body("not xml")}), none, Publish, false,
+         ORV_SERVER_ResponseParseFailed, "", ORV_FAILURE_ReplyUnreadable, noCode, AllOfIt},
+        {"no such project", published, none, PublishToNowhere, false, ORV_SERVER_InvalidPublishInput,
+         "Project \"Nowhere\" doesn't exist on server", ORV_FAILURE_ProjectNotFound, noCode, NoUpload},
+        {"no such extract", published, none, PublishMissing, false, ORV_SERVER_InvalidPublishInput, "File \"",
+         ORV_FAILURE_ExtractUnusable, noCode, NoUpload},
     };
     const std::string path = Extract("big.qrx", Bytes(8 * 1024 * 1024, 3));
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        TestHttpServer server(row.script, OrvaneTest::ServerOptions{row.tls});
-        const SilentListener silent;
+        TestHttpServer server(row.script, OrvaneTest::ServerOptions{row.peer == Tls});
+        const SilentListener silent(true);
+        const SilentListener refusing(false);
+        const std::string urls[] = {server.BaseUrl(), server.BaseUrl(), silent.Url(), refusing.Url()};
         Connection connection;
         ASSERT_EQ(ORV_RESULT_Success, connection.Create());
         row.setup(connection.Handle(), server);
@@ -185,16 +287,46 @@ TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
                 EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionCancel(connection.Handle()));
             }
         });
-        ORV_RESULT result = connection.Connect(row.silent ? silent.Url() : server.BaseUrl(), "u", "p");
-        if (row.publish && result == ORV_RESULT_Success)
-            result = connection.Publish(path, "Sales", "d", 0);
+        ORV_RESULT result = connection.Connect(urls[row.peer], "u", "p");
+        if (row.call != SignIn && result == ORV_RESULT_Success) {
+            const std::string extract = row.call == PublishMissing ? m_dir.File("absent.qrx") : path;
+            result = connection.Publish(extract, row.call == PublishToNowhere ? "Nowhere" : "Sales", "d", 0);
+        }
         canceller.join();
         server.ReleaseHolds();
+        SetProxyEnvironment("", "127.0.0.1,localhost");
         EXPECT_EQ(row.expected, result) << LastError();
-        if (result != ORV_RESULT_Success) {
-            EXPECT_EQ(row.error, LastError().substr(0, row.error.size()));
-        }
+        EXPECT_EQ(row.error, LastError().substr(0, row.error.size()));
+        ORV_FAILURE kind = ORV_FAILURE_Other;
+        long code = -1;
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetFailure(connection.Handle(), &kind, &code));
+        EXPECT_STREQ(OrvFailureName(row.kind), OrvFailureName(kind));
+        EXPECT_EQ(1u, row.codes.count(code)) << code;
+        std::uint64_t sent = 1;
+        std::uint64_t total = 1;
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetUploadProgress(connection.Handle(), &sent, &total));
+        EXPECT_EQ(row.upload == NoUpload, total == 0) << total;
+        EXPECT_EQ(row.upload == AllOfIt, total > 0 && sent == total) << sent << " of " << total;
     }
+}
+
+// The kinds a retry may help: the connection, the time limits, the server's
+// own failure; a name for each kind, "Unknown" past the last.
+TEST_F(ExtensionTest, TransientKindsAndNames)
+{
+    const std::set<ORV_FAILURE> transient{
+        ORV_FAILURE_Connect,      ORV_FAILURE_ConnectionLost, ORV_FAILURE_ConnectTimeout, ORV_FAILURE_StallTimeout,
+        ORV_FAILURE_ReplyTimeout, ORV_FAILURE_TotalTimeout,   ORV_FAILURE_ServerError};
+    std::set<std::string> names;
+    for (int value = ORV_FAILURE_None; value <= ORV_FAILURE_Other; ++value) {
+        const auto kind = static_cast<ORV_FAILURE>(value);
+        EXPECT_EQ(transient.count(kind), static_cast<std::size_t>(OrvFailureIsTransient(kind))) << value;
+        names.insert(OrvFailureName(kind));
+    }
+    EXPECT_EQ(static_cast<std::size_t>(ORV_FAILURE_Other) + 1, names.size());
+    EXPECT_EQ(0u, names.count("Unknown"));
+    EXPECT_STREQ("ProjectNotFound", OrvFailureName(ORV_FAILURE_ProjectNotFound));
+    EXPECT_STREQ("Unknown", OrvFailureName(static_cast<ORV_FAILURE>(ORV_FAILURE_Other + 1)));
 }
 
 // The last call's status and the server's own words, on every handle: from

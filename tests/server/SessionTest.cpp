@@ -1,6 +1,7 @@
 // The session layer byte for byte through the transport seam (NetworkFactory::s_creator): requests
 // as the wire would carry them, the replies' shapes, the errors and the log lines.
 #include "logging/Logger.h"
+#include "network/CallContext.h"
 #include "network/CurlNetworkException.h"
 #include "network/NetworkFactory.h"
 #include "rest/BufferReply.h"
@@ -39,7 +40,7 @@ struct CapturingLogger : Logger {
 // checks its announced size, and answers from a queue (status 0: fail with that libcurl text).
 struct FakeNetwork : INetwork {
     void SetProxyCredentials(const std::string&, const std::string&) override {}
-    void Send(RestRequest& r, RestReply& reply) override
+    void Send(RestRequest& r, RestReply& reply, CallContext&) override
     {
         const std::string body = r.m_body.m_parts.empty()
                                      ? ""
@@ -55,7 +56,7 @@ struct FakeNetwork : INetwork {
             throw CurlNetworkException(text);
         for (std::size_t at = 0; at < text.size(); at += 5) // in pieces, as libcurl writes
             reply.Write(&text[at], std::min<std::size_t>(5, text.size() - at));
-        dynamic_cast<BufferReply&>(reply).m_status = status;
+        reply.SetStatus(status);
     }
     std::deque<std::pair<int64_t, std::string>> replies;
     Strings sent;
