@@ -12,6 +12,8 @@
 #include <cxxabi.h>
 #include <sys/stat.h>
 
+#include <string_view>
+
 namespace OrvaneInternal {
 
 namespace {
@@ -116,15 +118,15 @@ void CurlTransfer::Restart(bool rewind)
 void CurlTransfer::KeepStatus(CURL* handle)
 {
     long status = 0;
-    Check(curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status));
+    // An interim "100 Continue" is no answer to report.
+    if (curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status) != CURLE_OK || status < 200)
+        status = 0;
     m_reply.SetStatus(status);
 }
 
 void CurlTransfer::Fail(CURL* handle, CURLcode code)
 {
-    long status = 0;
-    if (curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK)
-        m_reply.SetStatus(status);
+    KeepStatus(handle);
     if (m_error)
         std::rethrow_exception(m_error);
     const char* timedOut = curl_easy_strerror(CURLE_OPERATION_TIMEDOUT);
@@ -256,10 +258,15 @@ size_t CurlTransfer::Write(char* data, size_t size, size_t nmemb, void* userdata
     });
 }
 
-size_t CurlTransfer::Header(char*, size_t size, size_t nmemb, void* userdata)
+size_t CurlTransfer::Header(char* data, size_t size, size_t nmemb, void* userdata)
 {
     auto* transfer = static_cast<CurlTransfer*>(userdata);
-    transfer->m_answerBegan = true;
+    const std::string_view line(data, size * nmemb);
+    // An interim "100 Continue" is movement, not yet the answer.
+    const size_t space = line.find(' ');
+    if (line.rfind("HTTP/", 0) == 0 && space != std::string_view::npos && space + 1 < line.size() &&
+        line[space + 1] != '1')
+        transfer->m_answerBegan = true;
     transfer->m_lastMoved = Clock::now();
     return size * nmemb;
 }

@@ -37,7 +37,8 @@ class CurlTransfer {
     // Before each perform: the reply emptied, the watch restarted, the body
     // rewound for a resend.
     void Restart(bool rewind);
-    // After a perform: the status that arrived, if any, goes to the reply.
+    // After a perform, also a failed one: the final status that arrived (0
+    // for none) goes to the reply.
     void KeepStatus(CURL* handle);
     // After a failed perform: throws what stopped it.
     [[noreturn]] void Fail(CURL* handle, CURLcode code);

@@ -138,6 +138,21 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
             OrvServerConnectionSetCACertificates(handle, U(path).c_str());
         };
     };
+    const Setup replyLimit = with([](void* h) {
+        OrvServerConnectionSetStallTimeout(h, 1);
+        OrvServerConnectionSetReplyTimeout(h, 1);
+    });
+    const Setup totalLimit = with([](void* h) {
+        OrvServerConnectionSetStallTimeout(h, 1);
+        OrvServerConnectionSetTotalTimeout(h, 2);
+    });
+    const auto policy = [](ORV_REDIRECT_POLICY redirects, bool tls) {
+        return [redirects, tls](void* handle, const TestHttpServer& server) {
+            if (tls)
+                OrvServerConnectionSetCACertificates(handle, U(server.CertificateFile()).c_str());
+            OrvServerConnectionSetRedirectPolicy(handle, redirects);
+        };
+    };
     const TinyProxy proxy(ProxyOptions{"relay", "secret"});
     const Setup refusingProxy = [&proxy](void*, const TestHttpServer&) { SetProxyEnvironment(proxy.Url()); };
     const Response heldUpload = Response(201).Body(kPublishReply).HoldBodyAt(256 * 1024, 10);
@@ -159,24 +174,25 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
         std::string error; // the start of the last error
         ORV_FAILURE kind;
         std::set<long> codes; // libcurl's
+        long status;          // of the exchange the call ended on
         Upload upload;
         Peer peer = Scripted;
     } rows[] = {
         {"cancel a held upload", PublishScript({heldUpload}), enableCancel, Publish, true, ORV_RESULT_Cancelled,
-         "Cancelled", ORV_FAILURE_Cancelled, aborted, PartOfIt},
+         "Cancelled", ORV_FAILURE_Cancelled, aborted, 0, PartOfIt},
         {"cancel a silent sign-in", heldSignIn, enableCancel, SignIn, true, ORV_RESULT_Cancelled, "Cancelled",
-         ORV_FAILURE_Cancelled, aborted, NoUpload},
+         ORV_FAILURE_Cancelled, aborted, 0, NoUpload},
         {"cancel before the call", signIn, with([](void* h) { OrvServerConnectionCancel(h); }), SignIn, false,
-         ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, noCode, NoUpload},
+         ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, noCode, 0, NoUpload},
         {"progress callback says stop", published, with([](void* h) {
              OrvServerConnectionSetProgressCallback(
                  h, [](void*, std::uint64_t n, std::uint64_t) { return n > 0 ? 1 : 0; }, nullptr);
          }),
-         Publish, false, ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, aborted, PartOfIt},
+         Publish, false, ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, aborted, 0, PartOfIt},
         {"stall: silent sign-in", heldSignIn, stall, SignIn, false, ORV_RESULT_TimedOut, "Timeout was reached",
-         ORV_FAILURE_StallTimeout, aborted, NoUpload},
+         ORV_FAILURE_StallTimeout, aborted, 0, NoUpload},
         {"stall: held upload", PublishScript({heldUpload}), stall, Publish, false, ORV_RESULT_TimedOut,
-         "Timeout was reached", ORV_FAILURE_StallTimeout, aborted, PartOfIt},
+         "Timeout was reached", ORV_FAILURE_StallTimeout, aborted, 0, PartOfIt},
         {"connect time-out",
          signIn,
          with([](void* h) { OrvServerConnectionSetConnectTimeout(h, 1); }),
@@ -186,6 +202,7 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          "Timeout was reached",
          ORV_FAILURE_ConnectTimeout,
          {CURLE_OPERATION_TIMEDOUT},
+         0,
          NoUpload,
          Silent},
         {"refused port",
@@ -197,6 +214,7 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          "Couldn't connect to server",
          ORV_FAILURE_Connect,
          {CURLE_COULDNT_CONNECT},
+         0,
          NoUpload,
          Refusing},
         {"redirects forever",
@@ -208,6 +226,7 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          "Number of redirects hit maximum amount",
          ORV_FAILURE_TooManyRedirects,
          {CURLE_TOO_MANY_REDIRECTS},
+         302,
          NoUpload},
         {"oversized reply",
          Script().On(kSignInPath, Response(200).Body(std::string(200000, 'x'))),
@@ -218,6 +237,7 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          "Server reply larger than the limit of 1000 bytes",
          ORV_FAILURE_ReplyTooLarge,
          {CURLE_WRITE_ERROR},
+         200,
          NoUpload},
         {"self-signed, no CA",
          signIn,
@@ -228,12 +248,13 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          "SSL",
          ORV_FAILURE_Tls,
          {CURLE_PEER_FAILED_VERIFICATION},
+         0,
          NoUpload,
          Tls},
         {"self-signed, CA file", signIn, trust(false), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode,
-         NoUpload, Tls},
+         200, NoUpload, Tls},
         {"self-signed, CA directory", signIn, trust(true), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None,
-         noCode, NoUpload, Tls},
+         noCode, 200, NoUpload, Tls},
         {"proxy wants credentials",
          signIn,
          refusingProxy,
@@ -243,6 +264,7 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          "",
          ORV_FAILURE_Proxy,
          {CURLE_RECV_ERROR, CURLE_PROXY},
+         0,
          NoUpload,
          Tls},
         {"reset mid-upload",
@@ -254,21 +276,41 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          "",
          ORV_FAILURE_ConnectionLost,
          {CURLE_SEND_ERROR, CURLE_RECV_ERROR},
+         0,
          PartOfIt},
         {"sign-in refused", Script().On(kSignInPath, Response(401)), none, SignIn, false,
-         ORV_SERVER_ServerResponseError, "Server Response Code: 401", ORV_FAILURE_SignInRefused, noCode, NoUpload},
+         ORV_SERVER_ServerResponseError, "Server Response Code: 401", ORV_FAILURE_SignInRefused, noCode, 401, NoUpload},
         {"409 without overwrite", PublishScript({Response(409)}), none, Publish, false, ORV_SERVER_ServerResponseError,
-         "Server Response Code: 409", ORV_FAILURE_AlreadyExists, noCode, AllOfIt},
+         "Server Response Code: 409", ORV_FAILURE_AlreadyExists, noCode, 409, AllOfIt},
         {"other 4xx", PublishScript({Response(413)}), none, Publish, false, ORV_SERVER_ServerResponseError,
-         "Server Response Code: 413", ORV_FAILURE_Refused, noCode, AllOfIt},
+         "Server Response Code: 413", ORV_FAILURE_Refused, noCode, 413, AllOfIt},
         {"5xx after the whole body", PublishScript({Response(502)}), none, Publish, false,
-         ORV_SERVER_ServerResponseError, "Server Response Code: 502", ORV_FAILURE_ServerError, noCode, AllOfIt},
+         ORV_SERVER_ServerResponseError, "Server Response Code: 502", ORV_FAILURE_ServerError, noCode, 502, AllOfIt},
         {"reply not XML", PublishScript({Response(201).Body("not xml")}), none, Publish, false,
-         ORV_SERVER_ResponseParseFailed, "", ORV_FAILURE_ReplyUnreadable, noCode, AllOfIt},
+         ORV_SERVER_ResponseParseFailed, "", ORV_FAILURE_ReplyUnreadable, noCode, 201, AllOfIt},
         {"no such project", published, none, PublishToNowhere, false, ORV_SERVER_InvalidPublishInput,
-         "Project \"Nowhere\" doesn't exist on server", ORV_FAILURE_ProjectNotFound, noCode, NoUpload},
+         "Project \"Nowhere\" doesn't exist on server", ORV_FAILURE_ProjectNotFound, noCode, 200, NoUpload},
         {"no such extract", published, none, PublishMissing, false, ORV_SERVER_InvalidPublishInput, "File \"",
-         ORV_FAILURE_ExtractUnusable, noCode, NoUpload},
+         ORV_FAILURE_ExtractUnusable, noCode, 0, NoUpload},
+        {"stall quiet while the server works", PublishScript({Response(201).Body(kPublishReply).AnswerAfter(1.5)}),
+         stall, Publish, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode, 201, AllOfIt},
+        {"reply limit", PublishScript({Response(201).Body(kPublishReply).AnswerAfter(5)}), replyLimit, Publish, false,
+         ORV_RESULT_TimedOut, "Timeout was reached", ORV_FAILURE_ReplyTimeout, aborted, 0, AllOfIt},
+        {"stall: sign-in answered late", Script().On(kSignInPath, Response(200).Body(kSignInReply).AnswerAfter(5)),
+         stall, SignIn, false, ORV_RESULT_TimedOut, "Timeout was reached", ORV_FAILURE_StallTimeout, aborted, 0,
+         NoUpload},
+        {"drip: the total limit", Script().On(kSignInPath, Response(200).Body(kSignInReply).DripBody(0.4)), totalLimit,
+         SignIn, false, ORV_RESULT_TimedOut, "Timeout was reached", ORV_FAILURE_TotalTimeout, aborted, 200, NoUpload},
+        {"same origin: another port", Script().On(kSignInPath, Response::Redirect(302, "http://127.0.0.1:1/elsewhere")),
+         policy(ORV_REDIRECT_SameOrigin, false), SignIn, false, ORV_SERVER_NetworkFailure,
+         "Redirect refused: http://127.0.0.1:1/elsewhere", ORV_FAILURE_RedirectRefused, noCode, 302, NoUpload},
+        {"no downgrade: https to http", Script().On(kSignInPath, Response::Redirect(301, "http://127.0.0.1:1/plain")),
+         policy(ORV_REDIRECT_NoDowngrade, true), SignIn, false, ORV_SERVER_NetworkFailure,
+         "Redirect refused: http://127.0.0.1:1/plain", ORV_FAILURE_RedirectRefused, noCode, 301, NoUpload, Tls},
+        {"same origin: followed, still a POST",
+         PublishScript({Response::Redirect(307, "/moved")}).On("POST", "/moved", Response(201).Body(kPublishReply)),
+         policy(ORV_REDIRECT_SameOrigin, false), Publish, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode, 201,
+         AllOfIt},
     };
     const std::string path = Extract("big.qrx", Bytes(8 * 1024 * 1024, 3));
     for (const auto& row : rows) {
@@ -302,6 +344,9 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetFailure(connection.Handle(), &kind, &code));
         EXPECT_STREQ(OrvFailureName(row.kind), OrvFailureName(kind));
         EXPECT_EQ(1u, row.codes.count(code)) << code;
+        long status = -1;
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetHttpStatus(connection.Handle(), &status));
+        EXPECT_EQ(row.status, status);
         std::uint64_t sent = 1;
         std::uint64_t total = 1;
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetUploadProgress(connection.Handle(), &sent, &total));

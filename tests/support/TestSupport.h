@@ -179,6 +179,10 @@ class Response {
     {
         return Set("hold_at", std::to_string(bytes)).Set("hold_limit", std::to_string(limitSeconds));
     }
+    // Waits `seconds` after the request before answering.
+    Response& AnswerAfter(double seconds) { return Set("answer_after", std::to_string(seconds)); }
+    // Sends the body one byte every `seconds`.
+    Response& DripBody(double seconds) { return Set("drip", std::to_string(seconds)); }
     Response& CloseWithoutAnswer() { return Set("fault", "\"close\""); }
     Response& ResetWithoutAnswer() { return Set("fault", "\"reset\""); }
     Response& TruncateBody(std::size_t sentBytes)
