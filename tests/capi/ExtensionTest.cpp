@@ -12,6 +12,9 @@
 
 #include <curl/curl.h>
 
+#include <pthread.h>
+
+#include <climits>
 #include <cstdio>
 #include <functional>
 #include <set>
@@ -372,6 +375,109 @@ TEST_F(ExtensionTest, TransientKindsAndNames)
     EXPECT_EQ(0u, names.count("Unknown"));
     EXPECT_STREQ("ProjectNotFound", OrvFailureName(ORV_FAILURE_ProjectNotFound));
     EXPECT_STREQ("Unknown", OrvFailureName(static_cast<ORV_FAILURE>(ORV_FAILURE_Other + 1)));
+}
+
+// A value a setter cannot honour is refused at once, and the setting stays as
+// it was: the next call goes out as if it had not been made.
+TEST_F(ExtensionTest, SettersRefuseValuesOutOfRange)
+{
+    using Setter = std::function<ORV_RESULT(void*)>;
+    const ORV_RESULT invalid = ORV_RESULT_InvalidArgument;
+    const struct {
+        const char* name;
+        Setter set;
+        ORV_RESULT expected;
+        std::string error;
+    } rows[] = {
+        {"connect, longest", [](void* h) { return OrvServerConnectionSetConnectTimeout(h, 2147483); },
+         ORV_RESULT_Success, ""},
+        {"connect, LONG_MAX", [](void* h) { return OrvServerConnectionSetConnectTimeout(h, LONG_MAX); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"connect, negative", [](void* h) { return OrvServerConnectionSetConnectTimeout(h, -1); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"stall, LONG_MAX", [](void* h) { return OrvServerConnectionSetStallTimeout(h, LONG_MAX); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"reply, negative", [](void* h) { return OrvServerConnectionSetReplyTimeout(h, -5); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"total, past the longest", [](void* h) { return OrvServerConnectionSetTotalTimeout(h, 2147484); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"total, none", [](void* h) { return OrvServerConnectionSetTotalTimeout(h, 0); }, ORV_RESULT_Success, ""},
+        {"upload buffer, too small", [](void* h) { return OrvServerConnectionSetUploadBufferSize(h, 16383); }, invalid,
+         "Invalid argument 'bytes'"},
+        {"upload buffer, too large",
+         [](void* h) { return OrvServerConnectionSetUploadBufferSize(h, 2 * 1024 * 1024 + 1); }, invalid,
+         "Invalid argument 'bytes'"},
+        {"redirect policy, unknown",
+         [](void* h) { return OrvServerConnectionSetRedirectPolicy(h, static_cast<ORV_REDIRECT_POLICY>(3)); }, invalid,
+         "Invalid argument 'policy'"},
+    };
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}));
+    Connection connection;
+    ASSERT_EQ(ORV_RESULT_Success, connection.Create());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        OrvSetLastErrorMessage(L"");
+        EXPECT_EQ(row.expected, row.set(connection.Handle()));
+        EXPECT_EQ(row.error, LastError());
+    }
+    EXPECT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p")) << LastError();
+    EXPECT_EQ(ORV_RESULT_Success, connection.Publish(Extract("s.qrx", "bytes"), "Sales", "d", 0)) << LastError();
+}
+
+// Closing a handle while another thread is inside a call on it stops the
+// call, which returns Cancelled on a session that is freed only then.
+TEST_F(ExtensionTest, CloseDuringACallCancelsIt)
+{
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply).HoldBodyAt(256 * 1024, 10)}));
+    const std::string path = Extract("held.qrx", Bytes(1024 * 1024, 5));
+    Connection connection;
+    ASSERT_EQ(ORV_RESULT_Success, connection.Create());
+    ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionEnableCancel(connection.Handle()));
+    ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p"));
+    void* const handle = connection.Handle();
+    ORV_RESULT published = ORV_RESULT_Success;
+    std::thread publisher([&] { published = connection.Publish(path, "Sales", "d", 0); });
+    EXPECT_TRUE(server.WaitForHold());
+    EXPECT_EQ(ORV_RESULT_Success, connection.Close());
+    publisher.join();
+    server.ReleaseHolds();
+    EXPECT_EQ(ORV_RESULT_Cancelled, published);
+    EXPECT_EQ(ORV_RESULT_BadHandle, OrvServerConnectionCancel(handle));
+}
+
+// A thread that ends inside a call (pthread_exit, as a cancelled thread or
+// an interpreter shutting down does) unwinds through the library and ends,
+// and the handle works on afterwards.
+TEST_F(ExtensionTest, AThreadEndedInsideACallUnwindsThroughTheLibrary)
+{
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}));
+    const std::string path = Extract("exit.qrx", Bytes(300 * 1024, 9));
+    Connection connection;
+    ASSERT_EQ(ORV_RESULT_Success, connection.Create());
+    ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p"));
+    const auto endThread = [](void*, std::uint64_t sent, std::uint64_t) -> int {
+        if (sent > 0)
+            pthread_exit(nullptr);
+        return 0;
+    };
+    ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProgressCallback(connection.Handle(), endThread, nullptr));
+    struct Call {
+        Connection* connection;
+        std::string path;
+        bool returned = false;
+    } call{&connection, path};
+    pthread_t thread;
+    const auto publish = [](void* data) -> void* {
+        auto* call = static_cast<Call*>(data);
+        call->connection->Publish(call->path, "Sales", "d", 0);
+        call->returned = true;
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, publish, &call));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    EXPECT_FALSE(call.returned);
+    ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProgressCallback(connection.Handle(), nullptr, nullptr));
+    EXPECT_EQ(ORV_RESULT_Success, connection.Publish(path, "Sales", "d", 0)) << LastError();
 }
 
 // The last call's status and the server's own words, on every handle: from
