@@ -107,7 +107,8 @@ TEST_F(ExtensionTest, ProgressRisesFromZeroToTheBodyLength)
         EXPECT_EQ(total, progress.back().first);
         std::size_t passes = 0;
         for (std::size_t i = 0; i < progress.size(); ++i) {
-            const std::uint64_t sent = progress[i].first, before = i == 0 ? 0 : progress[i - 1].first;
+            const std::uint64_t sent = progress[i].first;
+            const std::uint64_t before = i == 0 ? 0 : progress[i - 1].first;
             EXPECT_EQ(total, progress[i].second);
             if (sent == 0) { // a pass begins: the first, or one after the whole body went out
                 EXPECT_TRUE(i == 0 || before == total) << "call " << i;

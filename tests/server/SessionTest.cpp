@@ -89,7 +89,8 @@ std::wstring Wide(const std::string& utf8)
 std::string Outcome(const std::function<void()>& call)
 {
     try {
-        return call(), "ok";
+        call();
+        return "ok";
     } catch (const ServerException& e) {
         return std::to_string(e.getErrorCode()) + " " + Unicode::ToUTF8(e.getMessage()).str();
     } catch (const std::invalid_argument& e) {
@@ -221,7 +222,8 @@ TEST_F(SessionTest, DisconnectReconnectAndCloseLogging)
 TEST_F(SessionTest, QueryProjectsChecksEachPage)
 {
     const std::string total = "<qsResponse><pagination pageNumber=\"1\" pageSize=\"100\" totalAvailable=\"";
-    const std::string mismatch = "401 Item number mismatch", wrongPage = "401 PageNumber or pageSize mismatch";
+    const std::string mismatch = "401 Item number mismatch";
+    const std::string wrongPage = "401 PageNumber or pageSize mismatch";
     const std::tuple<unsigned long, std::string, std::string> cases[] = {
         // page, reply, outcome ("last n"/"more n": n projects)
         {1, PageReply(1, 0, {}), "last 0"},
@@ -254,7 +256,8 @@ TEST_F(SessionTest, QueryProjectsChecksEachPage)
         Reply(200, reply);
         ProjectMap projects{{L"old", L"x"}}; // replaced on success, untouched on failure
         bool last = false;
-        std::string outcome = Outcome([&, p = page] { last = session->QueryProjects(p, projects); });
+        const unsigned long pageNumber = page;
+        std::string outcome = Outcome([&] { last = session->QueryProjects(pageNumber, projects); });
         outcome = outcome != "ok" ? outcome + (projects.size() == 1 && projects.count(L"old") ? "" : " changed")
                                   : (last ? "last " : "more ") + std::to_string(projects.size()) +
                                         (projects.count(L"old") ? " merged" : "");
@@ -272,10 +275,11 @@ TEST_F(SessionTest, QueryProjectsChecksEachPage)
 
 TEST_F(SessionTest, PublishPagesToTheProjectAndUploadsTheFile)
 {
-    const std::string file = std::string("\0head\r\n--not-a-boundary\r\n", 26) + Bytes(70000, 3),
-                      path = m_dir.File("extr\xC3\xA4kt.qrx");
+    const std::string file = std::string("\0head\r\n--not-a-boundary\r\n", 26) + Bytes(70000, 3);
+    const std::string path = m_dir.File("extr\xC3\xA4kt.qrx");
     WriteFileBytes(path, file);
-    const std::string name = "Q1 \"final\" & <more> \xC3\xBC", id = "p&quot;&amp;7";
+    const std::string name = "Q1 \"final\" & <more> \xC3\xBC";
+    const std::string id = "p&quot;&amp;7";
     const std::string xml =
         "<qsRequest><datasource name=\"" + name + "\" ><project id=\"p\"&7\" /></datasource></qsRequest>";
     const std::vector<std::string> onePage{
