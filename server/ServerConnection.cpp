@@ -3,6 +3,7 @@
 #include "logging/Logger.h"
 #include "network/CallContext.h"
 #include "network/CurlNetworkException.h"
+#include "network/ForcedUnwind.h"
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
 #include "rest/BufferReply.h"
@@ -20,8 +21,6 @@
 #include "sys/Errors.h"
 #include "sys/Path.h"
 #include "sys/Unicode.h"
-
-#include <cxxabi.h>
 
 #include <optional>
 #include <stdexcept>
@@ -123,11 +122,9 @@ template <class Body> void ServerConnection::RunCall(Body&& body)
         if (m_cancel.exchange(false))
             throw ServerException(ServerException::Cancelled, kCancelled);
         body();
-    } catch (abi::__forced_unwind&) {
-        end();
-        throw; // a thread being cancelled unwinds through here untouched
     } catch (...) {
         end();
+        RethrowForcedUnwind();
         RecordFailure();
         throw;
     }
