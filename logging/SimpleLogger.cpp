@@ -5,9 +5,9 @@
 
 #include "logging/LineHeader.h"
 #include "logging/LogLines.h"
-#include "logging/LossyUtf8.h"
 #include "logging/ThreadId.h"
 #include "sys/Errors.h"
+#include "sys/Unicode.h"
 
 #include <iterator>
 #include <utility>
@@ -32,8 +32,8 @@ SimpleLogger::SimpleLogger(const std::wstring& path, unsigned int rotateSeconds)
     : m_rotateSeconds(rotateSeconds), m_baseFilePath(path)
 {
     if (!Open(path))
-        throw QRX_InvalidArgument(QRX_Status::InvalidArgument,
-                                  "SimpleLogger constructor failed. Couldn't open: '" + EncodeUtf8(path) + "'");
+        throw QRX_InvalidArgument(QRX_Status::InvalidArgument, "SimpleLogger constructor failed. Couldn't open: '" +
+                                                                   Unicode::ToUTF8Lossy(path) + "'");
     if (m_rotateSeconds != 0)
         m_rotateTimer.Start();
 }
@@ -135,7 +135,7 @@ void SimpleLogger::Run()
         try {
             RotateCheck();
             if (!text->empty())
-                Write(EncodeUtf8(*text));
+                Write(BytesOf(*text));
         } catch (...) {
             // Losing one message is better than losing the writer, or the host.
         }
