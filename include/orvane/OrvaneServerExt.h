@@ -137,9 +137,10 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* s
 ORV_SERVER_API ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reason);
 
 /* ---- Failures a program can act on ----------------------------------------
- * Every call on a handle records what kind of failure ended it (None after a
- * success), beside its result code and text; tools decide what to retry or
- * how to report from the kind, never from the text. */
+ * Every call on a handle that talks to the server (Connect, PublishExtract,
+ * FindProject) records what kind of failure ended it (None after a success),
+ * beside its result code and text; tools decide what to retry or how to
+ * report from the kind, never from the text. */
 typedef enum {
     ORV_FAILURE_None = 0,
     ORV_FAILURE_SignInRefused = 1,   /* credentials or site refused at sign-in */
