@@ -5,6 +5,7 @@
 
 #include "logging/LineHeader.h"
 #include "logging/LogLines.h"
+#include "logging/LogListener.h"
 #include "logging/ThreadId.h"
 #include "sys/Errors.h"
 #include "sys/Unicode.h"
@@ -166,12 +167,15 @@ void SimpleLogger::Run()
 
 void SimpleLogger::Write(const std::string& bytes)
 {
-    std::lock_guard<std::mutex> lock(m_streamMutex);
-    // Write errors are not reported anywhere; clearing them lets the log
-    // resume once, say, the disk has room again.
-    m_stream->clear();
-    m_stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    m_stream->flush();
+    {
+        std::lock_guard<std::mutex> lock(m_streamMutex);
+        // Write errors are not reported anywhere; clearing them lets the log
+        // resume once, say, the disk has room again.
+        m_stream->clear();
+        m_stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        m_stream->flush();
+    }
+    LogListener::Deliver(bytes); // without the lock: a slow host never holds up Flush
 }
 
 void SimpleLogger::RotateCheck()

@@ -9,6 +9,8 @@
 // non-zero interval the logger moves on to a new, time-stamped file once the
 // interval has passed.
 //
+// Every line written is also handed to the host's listener (see LogListener).
+//
 // Nothing the log does may stop the host: the writer swallows its own failures,
 // a queueing call that cannot allocate drops its message, and text that is not
 // valid Unicode is written as closely as it can be rather than dropped.
@@ -49,6 +51,9 @@ class SimpleLogger : public Logger {
     void Flush() override;
     void QueueStop() override;
     const std::wstring& GetBaseFilePath() const override { return m_baseFilePath; }
+    // The file in use: the base path or the numbered or time-stamped name
+    // taken instead. For the writer's thread, or before the writer starts.
+    const std::wstring& GetFilePath() const { return m_filePath; }
     void BeforeFork() override;
     void AfterForkInParent() override;
     void AfterForkInChild() override;
@@ -84,6 +89,7 @@ class SimpleLogger : public Logger {
     uint32_t m_rotateSeconds;
     FILE* m_lockFile = nullptr; // read handle that holds the flock on the current file
     std::wstring m_baseFilePath;
+    std::wstring m_filePath;
     // Flush may come from another thread while the writer writes or replaces
     // the stream; BeforeFork holds it until the fork is done.
     std::mutex m_streamMutex;

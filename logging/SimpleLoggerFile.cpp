@@ -124,6 +124,7 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
     if (m_lockFile)
         std::fclose(m_lockFile);
     m_lockFile = lockFile;
+    m_filePath = name;
     return true;
 }
 
