@@ -10,6 +10,8 @@
 #include "sys/Errors.h"
 #include "sys/Unicode.h"
 
+#include <cxxabi.h>
+
 #include <iterator>
 #include <utility>
 #include <vector>
@@ -66,10 +68,12 @@ datetime SimpleLogger::GetTimestamp()
     return s_utc ? datetime::utc() : datetime::now();
 }
 
-template <class Text> void SimpleLogger::Queue(const Text& message) noexcept
+template <class Text> void SimpleLogger::Queue(const Text& message)
 {
     try {
         Push(LinesOf(LineHeader(GetTimestamp(), CurrentThreadId()).View(), message));
+    } catch (abi::__forced_unwind&) {
+        throw; // a cancelled thread must end
     } catch (...) {
         // Only allocation can fail here; the message is dropped, the caller goes on.
     }
@@ -88,6 +92,8 @@ void SimpleLogger::QueueMessage(std::wistream& in)
 {
     try {
         QueueMessage(ReadRest(in));
+    } catch (abi::__forced_unwind&) {
+        throw; // a cancelled thread must end
     } catch (...) {
         // A failing stream or allocation drops the message, never the caller.
     }
@@ -97,6 +103,8 @@ void SimpleLogger::QueueMessage(std::istream& in)
 {
     try {
         QueueMessage(ReadRest(in));
+    } catch (abi::__forced_unwind&) {
+        throw; // a cancelled thread must end
     } catch (...) {
         // A failing stream or allocation drops the message, never the caller.
     }
@@ -113,6 +121,8 @@ void SimpleLogger::QueueStop()
 {
     try {
         m_queue->push(nullptr);
+    } catch (abi::__forced_unwind&) {
+        throw; // a cancelled thread must end
     } catch (...) {
         // Cannot happen with an unbounded queue of pointers short of memory
         // exhaustion; then the writer runs on, which is the lesser harm.
@@ -159,6 +169,8 @@ void SimpleLogger::Run()
             RotateCheck();
             if (!text->empty())
                 Write(BytesOf(*text));
+        } catch (abi::__forced_unwind&) {
+            throw; // a cancelled thread must end
         } catch (...) {
             // Losing one message is better than losing the writer, or the host.
         }

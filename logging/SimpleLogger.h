@@ -13,7 +13,8 @@
 //
 // Nothing the log does may stop the host: the writer swallows its own failures,
 // a queueing call that cannot allocate drops its message, and text that is not
-// valid Unicode is written as closely as it can be rather than dropped.
+// valid Unicode is written as closely as it can be rather than dropped. Only
+// the unwinding of a cancelled thread passes through, so that it can end.
 #pragma once
 
 #include "logging/Logger.h"
@@ -74,7 +75,7 @@ class SimpleLogger : public Logger {
     bool OpenUniqueName(const std::wstring& name);
     bool OpenMaybeTruncate(const std::wstring& name);
 
-    template <class Text> void Queue(const Text& message) noexcept;
+    template <class Text> void Queue(const Text& message);
     void Push(std::wstring text);
     void RotateCheck();
     void Write(const std::string& bytes);

@@ -7,6 +7,7 @@
 #include "sys/Errors.h"
 #include "sys/Path.h"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -106,6 +107,9 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
     std::unique_ptr<std::ostream> stream;
     try {
         stream.reset(new (std::nothrow) LogFileStream(fd));
+    } catch (abi::__forced_unwind&) {
+        std::fclose(lockFile);
+        throw; // a cancelled thread must end
     } catch (...) {
         std::fclose(lockFile);
         return false; // the half-built stream closed the descriptor it had taken

@@ -5,6 +5,8 @@
 #include "logging/SimpleLogger.h"
 #include "tests/support/TestSupport.h"
 
+#include <ext/stdio_filebuf.h>
+#include <pthread.h>
 #include <sys/file.h>
 
 #include <algorithm>
@@ -260,4 +262,31 @@ TEST_F(LogTest, ForkedChildLogsThroughAWriterOfItsOwnAndTheParentGoesOn)
     std::sort(others.begin(), others.end());
     const std::vector<Strings> expected = {childLines, threadLines}; // in sorted order
     EXPECT_EQ(expected, others);
+}
+
+// A thread cancelled while the logger reads its message (from a pipe: read is a cancellation point)
+// ends as cancelled, and the logger goes on.
+TEST_F(LogTest, ThreadCancelledWhileItsMessageIsReadEnds)
+{
+    RefCntPtr<SimpleLogger> logger = Open(m_base);
+    int pipeEnds[2];
+    ASSERT_EQ(0, pipe2(pipeEnds, O_CLOEXEC));
+    __gnu_cxx::stdio_filebuf<char> buffer(pipeEnds[0], std::ios_base::in);
+    std::istream message(&buffer);
+    std::pair<SimpleLogger*, std::istream*> work(logger.get(), &message);
+    pthread_t thread;
+    const auto body = [](void* argument) -> void* {
+        auto* work = static_cast<std::pair<SimpleLogger*, std::istream*>*>(argument);
+        work->first->QueueMessage(*work->second);
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &work));
+    EXPECT_EQ(0, pthread_cancel(thread));
+    void* result = nullptr;
+    EXPECT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    close(pipeEnds[1]);
+    logger->QueueMessage(std::string("after the cancel"));
+    Drain(*logger);
+    EXPECT_EQ(Strings{"after the cancel"}, Payloads(m_base));
 }
