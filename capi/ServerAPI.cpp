@@ -69,7 +69,7 @@ void AfterForkInChild()
         static std::vector<RefCntPtr<Thread>>* const abandoned = new std::vector<RefCntPtr<Thread>>();
         abandoned->push_back(loggerThread);
     } catch (...) {
-        loggerThread->AddReference(); // never released then, which is all that matters
+        intrusive_ptr_add_ref(loggerThread.get()); // never released then, which is all that matters
     }
     loggerThread.reset();
     try {
