@@ -13,8 +13,9 @@ class ServerAPI {
     // Opens the log and starts its writer, then libcurl's global state; does
     // nothing once started. Throws what fails: QRX_InvalidArgument or
     // LogDirectoryUnusable from the log set-up, ServerException 400 from
-    // libcurl's start. The library then stays
-    // stopped and the next call repeats every step, the log set-up included.
+    // libcurl's start. The library then stays stopped and the next call
+    // repeats every step, the log set-up included. The first start also
+    // installs fork hooks, so that a forked child gets a log writer of its own.
     static void Initialize();
     // Stops libcurl's global state, then the log writer, and returns once every
     // line queued before the call is in the file; does nothing when stopped.

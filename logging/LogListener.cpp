@@ -65,8 +65,8 @@ void LogListener::Deliver(std::string_view lines)
 
 void LogListener::AfterForkInChild() noexcept
 {
-    delivering.store(0);
-    insideListener = false;
+    // Only the forking thread lives on, inside a listener call or not.
+    delivering.store(insideListener ? 1 : 0);
 }
 
 } // namespace OrvaneInternal

@@ -19,8 +19,8 @@ class LogListener {
     // listener throws is dropped, so that the writer goes on; only the
     // unwinding of a cancelled thread passes.
     static void Deliver(std::string_view lines);
-    // In a forked child: no listener call is running there, whatever the
-    // parent's writer was doing.
+    // In a forked child: no listener call runs there but the forking
+    // thread's own, whatever the parent's writer was doing.
     static void AfterForkInChild() noexcept;
 };
 

@@ -4,8 +4,6 @@
 
 #include <orvane/OrvaneServerExt.h>
 
-#include <sys/stat.h>
-
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -52,7 +50,6 @@ class LogApiTest : public LibraryTest {
     {
         for (const char* directory : {"environment", "chosen", "working"})
             std::filesystem::create_directory(m_dir.File(directory));
-        WriteFileBytes(m_dir.File("plain"), "");
         setenv("ORV_SDK_LOGDIR", m_dir.File("environment").c_str(), 1);
         ASSERT_EQ(0, chdir(m_dir.File("working").c_str()));
     }
@@ -70,7 +67,8 @@ class LogApiTest : public LibraryTest {
 // Where the log goes and what GetLogPath says: a chosen directory before ORV_SDK_LOGDIR before the
 // working directory; the next free name when the first is taken; a chosen directory without a
 // usable name fails start-up with its own code and a text naming it, and creates nothing. Each row
-// first restores the default rule with a null directory, which the rows after a chosen one prove.
+// first restores the default rule with a null directory, which the rows after a chosen one prove;
+// an empty directory is refused.
 TEST_F(LogApiTest, ChosenDirectoryEnvironmentOrWorkingDirectoryAndThePathInUse)
 {
     const std::string taken = "chosen/OrvaneSDKServer.log";
@@ -88,7 +86,6 @@ TEST_F(LogApiTest, ChosenDirectoryEnvironmentOrWorkingDirectoryAndThePathInUse)
         {"chosen, over the environment", "chosen", true, {}, ORV_RESULT_Success, "chosen/OrvaneSDKServer.log"},
         {"chosen, first name taken", "chosen", true, {taken}, ORV_RESULT_Success, "chosen/OrvaneSDKServer_1.log"},
         {"chosen, every name taken", "chosen", true, everyName, ORV_RESULT_LogUnavailable, ""},
-        {"chosen, a plain file", "plain", true, {}, ORV_RESULT_LogUnavailable, ""},
         {"chosen, missing", "missing", false, {}, ORV_RESULT_LogUnavailable, ""},
         {"environment", std::nullopt, true, {}, ORV_RESULT_Success, "environment/OrvaneSDKServer.log"},
         {"working directory", std::nullopt, false, {}, ORV_RESULT_Success, "working/OrvaneSDKServer.log"},
@@ -100,6 +97,7 @@ TEST_F(LogApiTest, ChosenDirectoryEnvironmentOrWorkingDirectoryAndThePathInUse)
         const Strings before = FilesUnder(m_dir.Path());
         row.environment ? setenv("ORV_SDK_LOGDIR", m_dir.File("environment").c_str(), 1) : unsetenv("ORV_SDK_LOGDIR");
         ASSERT_EQ(ORV_RESULT_Success, SetLogDirectory(std::nullopt));
+        EXPECT_EQ(ORV_RESULT_InvalidArgument, SetLogDirectory(""));
         if (row.chosen) {
             ASSERT_EQ(ORV_RESULT_Success, SetLogDirectory(m_dir.File(*row.chosen)));
         }
@@ -131,35 +129,16 @@ TEST_F(LogApiTest, ChosenDirectoryEnvironmentOrWorkingDirectoryAndThePathInUse)
     }
 }
 
-// An empty or ill-formed directory is refused and leaves the rule as it was.
-TEST_F(LogApiTest, EmptyOrIllFormedDirectoryIsRefused)
-{
-    const Utf16 empty;
-    const Utf16 loneSurrogate = {0xD800, 0};
-    for (const Utf16* directory : {&empty, &loneSurrogate}) {
-        SCOPED_TRACE(directory->size());
-        EXPECT_EQ(ORV_RESULT_InvalidArgument, OrvServerAPISetLogDirectory(directory->c_str()));
-    }
-    ASSERT_EQ(ORV_RESULT_Success, OrvServerAPIInitialize());
-    EXPECT_EQ(m_dir.File("environment/OrvaneSDKServer.log"), OrvServerAPIGetLogPath());
-}
-
 // The listener gets every line of the file, in order, on one thread that is not the caller's,
 // with its userData; once removed it is never called again.
 TEST_F(LogApiTest, ListenerHearsEveryLineOnTheWriterThread)
 {
     Heard heard;
     ASSERT_EQ(ORV_RESULT_Success, OrvServerAPISetLogListener(&Heard::Listen, &heard));
-    TestHttpServer server(PublishScript({}));
     ASSERT_EQ(ORV_RESULT_Success, OrvServerAPIInitialize());
-    {
-        Connection connection;
-        ASSERT_EQ(ORV_RESULT_Success, connection.Create());
-        ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p"));
-    }
     ASSERT_EQ(ORV_RESULT_Success, OrvServerAPICleanup());
     const Strings written = SplitLines(ReadFileBytes(m_dir.File("environment/OrvaneSDKServer.log")));
-    ASSERT_LT(3u, written.size());
+    ASSERT_EQ(3u, written.size()); // the pid, libcurl's start and stop
     EXPECT_EQ(written, heard.lines);
     const std::thread::id writer = heard.threads.front();
     EXPECT_NE(std::this_thread::get_id(), writer);
