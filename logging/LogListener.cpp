@@ -1,6 +1,6 @@
 #include "logging/LogListener.h"
 
-#include <cxxabi.h>
+#include "sys/Errors.h"
 
 #include <atomic>
 #include <string>
@@ -52,11 +52,12 @@ void LogListener::Deliver(std::string_view lines)
                 start = end == std::string_view::npos ? lines.size() : end + 1;
             }
         }
-    } catch (abi::__forced_unwind&) {
-        insideListener = false;
-        delivering.fetch_sub(1);
-        throw; // the thread is being cancelled: let it end
     } catch (...) {
+        if (IsThreadUnwinding()) {
+            insideListener = false;
+            delivering.fetch_sub(1);
+            throw; // a cancelled thread must end
+        }
         // A listener's failure is its own; the log goes on.
     }
     insideListener = false;

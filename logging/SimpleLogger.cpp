@@ -10,8 +10,6 @@
 #include "sys/Errors.h"
 #include "sys/Unicode.h"
 
-#include <cxxabi.h>
-
 #include <iterator>
 #include <utility>
 #include <vector>
@@ -72,9 +70,9 @@ template <class Text> void SimpleLogger::Queue(const Text& message)
 {
     try {
         Push(LinesOf(LineHeader(GetTimestamp(), CurrentThreadId()).View(), message));
-    } catch (abi::__forced_unwind&) {
-        throw; // a cancelled thread must end
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // Only allocation can fail here; the message is dropped, the caller goes on.
     }
 }
@@ -92,9 +90,9 @@ void SimpleLogger::QueueMessage(std::wistream& in)
 {
     try {
         QueueMessage(ReadRest(in));
-    } catch (abi::__forced_unwind&) {
-        throw; // a cancelled thread must end
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // A failing stream or allocation drops the message, never the caller.
     }
 }
@@ -103,9 +101,9 @@ void SimpleLogger::QueueMessage(std::istream& in)
 {
     try {
         QueueMessage(ReadRest(in));
-    } catch (abi::__forced_unwind&) {
-        throw; // a cancelled thread must end
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // A failing stream or allocation drops the message, never the caller.
     }
 }
@@ -121,9 +119,9 @@ void SimpleLogger::QueueStop()
 {
     try {
         m_queue->push(nullptr);
-    } catch (abi::__forced_unwind&) {
-        throw; // a cancelled thread must end
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // Cannot happen with an unbounded queue of pointers short of memory
         // exhaustion; then the writer runs on, which is the lesser harm.
     }
@@ -169,9 +167,9 @@ void SimpleLogger::Run()
             RotateCheck();
             if (!text->empty())
                 Write(BytesOf(*text));
-        } catch (abi::__forced_unwind&) {
-            throw; // a cancelled thread must end
         } catch (...) {
+            if (IsThreadUnwinding())
+                throw; // a cancelled thread must end
             // Losing one message is better than losing the writer, or the host.
         }
     }

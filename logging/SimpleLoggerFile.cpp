@@ -7,7 +7,6 @@
 #include "sys/Errors.h"
 #include "sys/Path.h"
 
-#include <cxxabi.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -107,11 +106,10 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
     std::unique_ptr<std::ostream> stream;
     try {
         stream.reset(new (std::nothrow) LogFileStream(fd));
-    } catch (abi::__forced_unwind&) {
-        std::fclose(lockFile);
-        throw; // a cancelled thread must end
     } catch (...) {
         std::fclose(lockFile);
+        if (IsThreadUnwinding())
+            throw;    // a cancelled thread must end
         return false; // the half-built stream closed the descriptor it had taken
     }
     if (!stream)

@@ -26,8 +26,9 @@ void Log(const std::string& text)
     Logger::Get()->QueueMessage(text);
 }
 
-// Forks while a thread logs "parent thread 0..1999"; the child logs "child line 0..99" and exits
-// without Cleanup. 0 when the child exited with 0.
+// Forks while a thread logs "parent thread 0..1999"; the child logs "child line 0..99", stops the
+// library and ends with _exit, as a forked child should: what it copied from the parent (lines
+// still queued there among them) is the parent's to write and free. 0 when the child exited with 0.
 int ForkAndLog()
 {
     std::thread busy([] {
@@ -39,7 +40,8 @@ int ForkAndLog()
         alarm(20); // a child that hangs still ends
         for (int i = 0; i < 100; ++i)
             Log("child line " + std::to_string(i));
-        std::exit(0);
+        ServerAPI::Cleanup();
+        _exit(0);
     }
     busy.join();
     int status = -1;
