@@ -6,16 +6,15 @@
 
 #include "capi/ExportedCall.h"
 #include "capi/LibraryVersion.h"
-#include "network/TransferOptions.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
 #include "sys/Unicode.h"
 
 #include <string>
 
+using OrvaneInternal::FailureKind;
 using OrvaneInternal::ServerConnection;
 using OrvaneInternal::ServerException;
-using OrvaneInternal::TransferOptions;
 using namespace OrvaneInternal::Exported;
 
 static_assert(ORV_VERSION_MAJOR == ORV_LIBRARY_VERSION_MAJOR && ORV_VERSION_MINOR == ORV_LIBRARY_VERSION_MINOR &&
@@ -24,18 +23,22 @@ static_assert(ORV_VERSION_MAJOR == ORV_LIBRARY_VERSION_MAJOR && ORV_VERSION_MINO
 static_assert(static_cast<int>(ORV_RESULT_Cancelled) == static_cast<int>(ServerException::Cancelled) &&
                   static_cast<int>(ORV_RESULT_TimedOut) == static_cast<int>(ServerException::TimedOut),
               "the extension result codes are ServerException's");
+static_assert(static_cast<int>(ORV_FAILURE_Other) == static_cast<int>(FailureKind::Other) &&
+                  static_cast<int>(ORV_FAILURE_RedirectRefused) == static_cast<int>(FailureKind::RedirectRefused) &&
+                  static_cast<int>(ORV_FAILURE_Cancelled) == static_cast<int>(FailureKind::Cancelled),
+              "ORV_FAILURE is FailureKind, value for value");
 
 namespace {
 
-constexpr long kSmallestUploadBuffer = 16 * 1024; // libcurl's limits
-constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
-
-bool OutOfRange(bool refused, const wchar_t* message)
-{
-    if (refused)
-        SetLastError(message);
-    return refused;
-}
+// Indexed by ORV_FAILURE.
+const char* const kFailureNames[] = {
+    "None",          "SignInRefused",  "ProjectNotFound", "ExtractUnusable",  "AlreadyExists",
+    "Refused",       "ServerError",    "ReplyUnreadable", "Resolve",          "Connect",
+    "Tls",           "Proxy",          "ConnectionLost",  "TooManyRedirects", "RedirectRefused",
+    "ReplyTooLarge", "ConnectTimeout", "StallTimeout",    "ReplyTimeout",     "TotalTimeout",
+    "Cancelled",     "Other",
+};
+static_assert(sizeof kFailureNames / sizeof kFailureNames[0] == ORV_FAILURE_Other + 1, "a name for every kind");
 
 } // namespace
 
@@ -48,10 +51,7 @@ const char* OrvServerAPIGetVersion(void)
 
 ORV_RESULT OrvServerConnectionSetProgressCallback(void* handle, ORV_PROGRESS_CALLBACK callback, void* userData)
 {
-    return OnSession(handle, [&](ServerConnection& session) {
-        session.Options().m_progress = callback;
-        session.Options().m_progressData = callback != nullptr ? userData : nullptr;
-    });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetProgressCallback(callback, userData); });
 }
 
 ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* projectName)
@@ -63,7 +63,7 @@ ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* pr
 
 ORV_RESULT OrvServerConnectionEnableCancel(void* handle)
 {
-    return OnSession(handle, [](ServerConnection& session) { session.Options().m_cancelEnabled = true; });
+    return OnSession(handle, [](ServerConnection& session) { session.EnableCancel(); });
 }
 
 ORV_RESULT OrvServerConnectionCancel(void* handle)
@@ -73,42 +73,49 @@ ORV_RESULT OrvServerConnectionCancel(void* handle)
 
 ORV_RESULT OrvServerConnectionSetConnectTimeout(void* handle, long seconds)
 {
-    if (OutOfRange(seconds < 0, L"Invalid argument 'seconds'"))
-        return ORV_RESULT_InvalidArgument;
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_connectTimeout = seconds; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetConnectTimeout(seconds); });
 }
 
 ORV_RESULT OrvServerConnectionSetStallTimeout(void* handle, long seconds)
 {
-    if (OutOfRange(seconds < 0, L"Invalid argument 'seconds'"))
-        return ORV_RESULT_InvalidArgument;
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_stallTimeout = seconds; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetStallTimeout(seconds); });
+}
+
+ORV_RESULT OrvServerConnectionSetReplyTimeout(void* handle, long seconds)
+{
+    return OnSession(handle, [&](ServerConnection& session) { session.SetReplyTimeout(seconds); });
+}
+
+ORV_RESULT OrvServerConnectionSetTotalTimeout(void* handle, long seconds)
+{
+    return OnSession(handle, [&](ServerConnection& session) { session.SetTotalTimeout(seconds); });
 }
 
 ORV_RESULT OrvServerConnectionSetMaxRedirects(void* handle, long count)
 {
-    return OnSession(handle,
-                     [&](ServerConnection& session) { session.Options().m_maxRedirects = count < 0 ? -1 : count; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetMaxRedirects(count); });
 }
 
 ORV_RESULT OrvServerConnectionSetMaxReplySize(void* handle, uint64_t bytes)
 {
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_maxReplySize = bytes; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetMaxReplySize(bytes); });
 }
 
 ORV_RESULT OrvServerConnectionSetCACertificates(void* handle, const unsigned short* path)
 {
     return OnSession(handle, [&](ServerConnection& session) {
-        session.Options().m_caPath = path != nullptr ? Unicode::ToUTF8(Wide(path)).str() : "";
+        session.SetCACertificates(path != nullptr ? Unicode::ToUTF8(Wide(path)).str() : std::string());
     });
 }
 
 ORV_RESULT OrvServerConnectionSetUploadBufferSize(void* handle, long bytes)
 {
-    if (OutOfRange(bytes != 0 && (bytes < kSmallestUploadBuffer || bytes > kLargestUploadBuffer),
-                   L"Invalid argument 'bytes'"))
-        return ORV_RESULT_InvalidArgument;
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_uploadBufferSize = bytes; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetUploadBufferSize(bytes); });
+}
+
+ORV_RESULT OrvServerConnectionSetRedirectPolicy(void* handle, ORV_REDIRECT_POLICY policy)
+{
+    return OnSession(handle, [&](ServerConnection& session) { session.SetRedirectPolicy(static_cast<int>(policy)); });
 }
 
 ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* status)
@@ -123,6 +130,49 @@ ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reas
     if (Missing(reason, L"Invalid argument 'reason'"))
         return ORV_RESULT_InvalidArgument;
     return OnSession(handle, [&](ServerConnection& session) { *reason = session.GetLastReason().c_str(); });
+}
+
+ORV_RESULT OrvServerConnectionGetFailure(void* handle, ORV_FAILURE* kind, long* transportCode)
+{
+    if (Missing(kind, L"Invalid argument 'kind'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) {
+        *kind = static_cast<ORV_FAILURE>(session.GetLastFailure());
+        if (transportCode != nullptr)
+            *transportCode = session.GetLastTransportCode();
+    });
+}
+
+int OrvFailureIsTransient(ORV_FAILURE kind)
+{
+    switch (kind) {
+    case ORV_FAILURE_Connect:
+    case ORV_FAILURE_ConnectionLost:
+    case ORV_FAILURE_ConnectTimeout:
+    case ORV_FAILURE_StallTimeout:
+    case ORV_FAILURE_ReplyTimeout:
+    case ORV_FAILURE_TotalTimeout:
+    case ORV_FAILURE_ServerError:
+        return 1;
+    default:
+        return 0;
+    }
+}
+
+const char* OrvFailureName(ORV_FAILURE kind)
+{
+    const auto index = static_cast<unsigned>(kind);
+    return index <= ORV_FAILURE_Other ? kFailureNames[index] : "Unknown";
+}
+
+ORV_RESULT OrvServerConnectionGetUploadProgress(void* handle, uint64_t* sent, uint64_t* total)
+{
+    if (Missing(sent, L"Invalid argument 'sent'") || Missing(total, L"Invalid argument 'total'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) {
+        *sent = session.GetUploadSent();
+        *total = session.GetUploadTotal();
+    });
 }
 
 } // extern "C"

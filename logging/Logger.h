@@ -31,8 +31,8 @@ class Logger : public Runnable {
     // BeforeFork holds the writer at a point where it owns nothing the child
     // needs; the parent then resumes as it was, and the child gets an empty
     // queue of its own, ready for a new writer (the parent's is not there).
-    // Lines the parent had queued are written by the parent alone. A logger
-    // without a queue or writer has nothing to do.
+    // Lines the parent had queued are written by the parent alone.
+    // A logger without a writer thread has nothing to hold.
     virtual void BeforeFork() {}
     virtual void AfterForkInParent() {}
     virtual void AfterForkInChild() {}
