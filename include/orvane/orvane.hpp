@@ -215,9 +215,9 @@ class Library {
     }
     ~Library()
     {
-        OrvServerAPICleanup();
-        if (!m_listeners.empty())
-            OrvServerAPISetLogListener(nullptr, nullptr);
+        OrvServerAPICleanup(); // the writer thread is done with the listeners once it returns
+        if (m_forgetListener != nullptr)
+            m_forgetListener();
     }
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
@@ -241,6 +241,7 @@ class Library {
         // Replaced listeners stay alive: the writer thread may be inside one.
         m_listeners.push_back(std::make_unique<std::function<void(std::string_view)>>(std::move(listener)));
         Check(OrvServerAPISetLogListener(&OnLine, m_listeners.back().get()));
+        m_forgetListener = [] { OrvServerAPISetLogListener(nullptr, nullptr); };
     }
 
   private:
@@ -257,6 +258,7 @@ class Library {
             throw Error(static_cast<ErrorCode>(rc), detail::ToUtf8(OrvGetLastErrorMessage()));
     }
     std::vector<std::unique_ptr<std::function<void(std::string_view)>>> m_listeners;
+    void (*m_forgetListener)() = nullptr; // set by setLogListener alone, so that only its users need the function
 };
 
 // What a Session sets before it signs in; the defaults are the safe ones.
