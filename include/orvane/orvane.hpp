@@ -282,6 +282,7 @@ class Session {
   public:
     // Called as the upload body is read: return false to stop the publish
     // (Error with ErrorCode::Cancelled). What it throws is rethrown by publish().
+    // It runs on the publishing thread and must not call into this Session.
     using Progress = std::function<bool(std::uint64_t sent, std::uint64_t total)>;
 
     Session(const Text& url, const Text& user, const Text& password, const Text& site = Text(""),
@@ -327,7 +328,13 @@ class Session {
     }
     // Stops the call running on another thread (it throws Error with
     // ErrorCode::Cancelled), or the next call when none runs.
-    void cancel() { Check(OrvServerConnectionCancel(handle())); }
+    void cancel() const
+    {
+        // Nothing else of the handle may be read while another thread is inside a call on it.
+        const ORV_RESULT rc = OrvServerConnectionCancel(handle());
+        if (rc != ORV_RESULT_Success)
+            throw Error(static_cast<ErrorCode>(rc), detail::ToUtf8(OrvGetLastErrorMessage()));
+    }
     // Forgets the sign-in here; nothing is sent.
     void disconnect() { Check(OrvServerConnectionDisconnect(handle())); }
     // Signs out on the server, then disconnects.
