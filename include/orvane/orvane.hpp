@@ -266,8 +266,9 @@ class Library {
 struct SessionOptions {
     std::chrono::seconds connectTimeout{30};
     std::chrono::seconds stallTimeout{120};
-    long maxRedirects = 10;     // negative: no limit
-    std::string caCertificates; // PEM bundle or hashed directory; "": the system's
+    long maxRedirects = 10;                // negative: no limit
+    std::uint64_t maxReplySize = 16 << 20; // bytes; 0: no limit
+    std::string caCertificates;            // PEM bundle or hashed directory; "": the system's
 };
 
 struct UploadProgress {
@@ -294,6 +295,7 @@ class Session {
         Check(OrvServerConnectionSetConnectTimeout(m_state->handle, static_cast<long>(options.connectTimeout.count())));
         Check(OrvServerConnectionSetStallTimeout(m_state->handle, static_cast<long>(options.stallTimeout.count())));
         Check(OrvServerConnectionSetMaxRedirects(m_state->handle, options.maxRedirects));
+        Check(OrvServerConnectionSetMaxReplySize(m_state->handle, options.maxReplySize));
         if (!options.caCertificates.empty())
             setCACertificates(options.caCertificates);
         connect(url, user, password, site);

@@ -56,6 +56,9 @@ TEST_F(CppHeaderTest, PublishesWhateverFormTheTextTakes)
         EXPECT_GT(last.total, bytes.size());
         EXPECT_EQ(last.total, session.uploadProgress().sent);
     }
+    orvane::Session session(server.Url(), kUser, kPassword);
+    EXPECT_TRUE(session.hasProject("Samples"));
+    EXPECT_FALSE(session.hasProject("Nowhere"));
 }
 
 // Each failure arrives as orvane::Error with what the library knows of it,
@@ -90,6 +93,14 @@ TEST_F(CppHeaderTest, FailuresThrowErrorsThatSayWhy)
          [&] { orvane::Session(server.Url(), kUser, kPassword).publish(path, u"\u00c9t\u00e9", "n"); },
          orvane::ErrorCode::InvalidPublishInput, orvane::Failure::ProjectNotFound, 200,
          "Project \"\xc3\x89t\xc3\xa9\" doesn't exist on server", ""},
+        {"reply over the session's limit",
+         [&] {
+             orvane::SessionOptions options;
+             options.maxReplySize = 10;
+             orvane::Session(server.Url(), kUser, kPassword, "", options);
+         },
+         orvane::ErrorCode::NetworkFailure, orvane::Failure::ReplyTooLarge, 200,
+         "Server reply larger than the limit of 10 bytes", ""},
         {"invalid UTF-8", [&] { orvane::Session(server.Url(), "\xc3", kPassword); }, orvane::ErrorCode::InvalidArgument,
          orvane::Failure::None, 0, "Invalid UTF-8 in an argument", ""},
     };
