@@ -266,7 +266,8 @@ class Library {
 struct SessionOptions {
     std::chrono::seconds connectTimeout{30};
     std::chrono::seconds stallTimeout{120};
-    long maxRedirects = 10;                // negative: no limit
+    long maxRedirects = 10; // negative: no limit
+    RedirectPolicy redirects = RedirectPolicy::SameOrigin;
     std::uint64_t maxReplySize = 16 << 20; // bytes; 0: no limit
     std::string caCertificates;            // PEM bundle or hashed directory; "": the system's
 };
@@ -292,10 +293,11 @@ class Session {
     {
         Check(OrvServerConnectionCreate(&m_state->handle));
         Check(OrvServerConnectionEnableCancel(m_state->handle));
-        Check(OrvServerConnectionSetConnectTimeout(m_state->handle, static_cast<long>(options.connectTimeout.count())));
-        Check(OrvServerConnectionSetStallTimeout(m_state->handle, static_cast<long>(options.stallTimeout.count())));
-        Check(OrvServerConnectionSetMaxRedirects(m_state->handle, options.maxRedirects));
-        Check(OrvServerConnectionSetMaxReplySize(m_state->handle, options.maxReplySize));
+        setConnectTimeout(options.connectTimeout);
+        setStallTimeout(options.stallTimeout);
+        setMaxRedirects(options.maxRedirects);
+        setMaxReplySize(options.maxReplySize);
+        setRedirectPolicy(options.redirects);
         if (!options.caCertificates.empty())
             setCACertificates(options.caCertificates);
         connect(url, user, password, site);

@@ -99,7 +99,7 @@ TEST_F(CppHeaderTest, FailuresThrowErrorsThatSayWhy)
              options.maxReplySize = 10;
              orvane::Session(server.Url(), kUser, kPassword, "", options);
          },
-         orvane::ErrorCode::NetworkFailure, orvane::Failure::ReplyTooLarge, 0,
+         orvane::ErrorCode::NetworkFailure, orvane::Failure::ReplyTooLarge, 200,
          "Server reply larger than the limit of 10 bytes", ""},
         {"invalid UTF-8", [&] { orvane::Session(server.Url(), "\xc3", kPassword); }, orvane::ErrorCode::InvalidArgument,
          orvane::Failure::None, 0, "Invalid UTF-8 in an argument", ""},
