@@ -12,10 +12,11 @@
  * the result code, the failure kind, the HTTP status and the server's reason.
  *
  * A Session signs in with the safe options on (see SessionOptions): cancel
- * within a second, time limits, a bounded number of redirects. Threads: a
- * Session is used by one thread at a time, except cancel(), which any thread
- * may call while another publishes; destroy a Session only after its calls
- * have returned.
+ * within a second, time limits, few redirects and to the same origin only, a
+ * bounded reply. Its destructor sends nothing; signOut() ends the session on
+ * the server. Threads: a Session is used by one thread at a time, except
+ * cancel(), which any thread may call while another publishes; destroy a
+ * Session only after its calls have returned.
  */
 #ifndef ORVANE_HPP
 #define ORVANE_HPP
