@@ -31,7 +31,7 @@ install(TARGETS OrvaneServer OrvaneCommon EXPORT OrvaneServerTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServer.h ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneCommon.h
-  ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServerExt.h
+  ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServerExt.h ${PROJECT_SOURCE_DIR}/include/orvane/orvane.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
 install(EXPORT OrvaneServerTargets NAMESPACE Orvane::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OrvaneServer)
