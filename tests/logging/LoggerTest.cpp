@@ -5,8 +5,11 @@
 #include "logging/SimpleLogger.h"
 #include "tests/support/TestSupport.h"
 
+#include <ext/stdio_filebuf.h>
+#include <pthread.h>
 #include <sys/file.h>
 
+#include <algorithm>
 #include <regex>
 
 using namespace OrvaneInternal;
@@ -39,6 +42,22 @@ Strings Payloads(const std::string& path)
         payloads.push_back(line.substr(header.length(0)));
     }
     return payloads;
+}
+// The lines that start with `prefix` (keep true) or do not (keep false).
+Strings Filter(const Strings& lines, const std::string& prefix, bool keep)
+{
+    Strings kept;
+    for (const std::string& line : lines)
+        if ((line.rfind(prefix, 0) == 0) == keep)
+            kept.push_back(line);
+    return kept;
+}
+Strings Numbered(const std::string& prefix, int count)
+{
+    Strings lines;
+    for (int i = 0; i < count; ++i)
+        lines.push_back(prefix + std::to_string(i));
+    return lines;
 }
 Strings RunLines(long pid, const Strings& middle, bool cleanup = true)
 {
@@ -88,7 +107,8 @@ TEST_F(LogTest, EveryLineGetsTheHeaderOfItsMessageAndItsTextAsUtf8)
         {std::wstring(L"x") + wchar_t(0x110000), "", {"x\xEF\xBF\xBD"}},
         {L"", "caf\xC3\xA9 \xF0\x9F\x98\x80", {"caf\xC3\xA9 \xF0\x9F\x98\x80"}},
         {L"", "a\nb", {"a", "b"}},
-        {L"", "bad \xFF\xC3, \xE9t\xE9", {"bad \xFF\xC3, \xE9t\xE9"}}};
+        {L"", "bad \xFF\xC3, \xE9t\xE9", {"bad \xFF\xC3, \xE9t\xE9"}},
+        {L"", "caf\xC3\xA9\nbad \xE9", {"caf\xC3\xA9", "bad \xE9"}}};
     const auto now = [] { return SimpleLogger::FormatHeader(datetime::now(), 0).substr(0, 23); };
     for (const auto& [wide, narrow, lines] : cases) {
         std::remove(m_base.c_str());
@@ -218,4 +238,47 @@ TEST_F(LogTest, LastLineWithoutCleanupAndTheCurrentDirectoryAsFallback)
         EXPECT_EQ(RunLines(pid, {"fallback"}), Payloads(current.File("OrvaneSDKServer.log")));
         std::filesystem::remove(current.File("OrvaneSDKServer.log"));
     }
+}
+
+// A host forks while one of its threads logs; the child logs and stops the library, the parent goes
+// on. Each process's lines reach the file once, the lines of each thread in their order.
+TEST_F(LogTest, ForkedChildLogsThroughAWriterOfItsOwnAndTheParentGoesOn)
+{
+    const long parent = RunChild({"fork", "before the fork"});
+    const Strings lines = Payloads(m_base);
+    EXPECT_EQ(Numbered("child line ", 100), Filter(lines, "child line ", true));
+    EXPECT_EQ(Numbered("parent thread ", 2000), Filter(lines, "parent thread ", true));
+    Strings rest = Filter(Filter(lines, "child line ", false), "parent thread ", false);
+    Strings expected = RunLines(parent, {"before the fork", "the child exited with 0", "after the fork"});
+    expected.push_back("Curl global cleanup"); // the child's, written before it ended
+    std::sort(rest.begin(), rest.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, rest);
+}
+
+// A thread cancelled while the logger reads its message (from a pipe: read is a cancellation point)
+// ends as cancelled, and the logger goes on.
+TEST_F(LogTest, ThreadCancelledWhileItsMessageIsReadEnds)
+{
+    RefCntPtr<SimpleLogger> logger = Open(m_base);
+    int pipeEnds[2];
+    ASSERT_EQ(0, pipe2(pipeEnds, O_CLOEXEC));
+    __gnu_cxx::stdio_filebuf<char> buffer(pipeEnds[0], std::ios_base::in);
+    std::istream message(&buffer);
+    std::pair<SimpleLogger*, std::istream*> work(logger.get(), &message);
+    pthread_t thread;
+    const auto body = [](void* argument) -> void* {
+        auto* work = static_cast<std::pair<SimpleLogger*, std::istream*>*>(argument);
+        work->first->QueueMessage(*work->second);
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &work));
+    EXPECT_EQ(0, pthread_cancel(thread));
+    void* result = nullptr;
+    EXPECT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    close(pipeEnds[1]);
+    logger->QueueMessage(std::string("after the cancel"));
+    Drain(*logger);
+    EXPECT_EQ(Strings{"after the cancel"}, Payloads(m_base));
 }
