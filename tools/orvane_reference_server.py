@@ -65,8 +65,8 @@ endpoints (after sign-in the token goes in the "X-Orvane-Auth" header):
   GET  /api/2.0/sites/SITE/projects?pageSize=N&pageNumber=P
   POST /api/2.0/sites/SITE/datasources[?overwrite=true]     multipart/mixed upload
   GET  /__published                                         the listing below; no token
-  GET  /__stats                                             "sessions N", "connections N" (accepted
-                                                            with an /api request) and "open N"; no token
+  GET  /__stats                                             lines "sessions N", "requests N" (to /api),
+                                                            "connections N" (that carried one), "open N"
 
 storage: DATA_DIR/SITE_ID/PROJECT/NAME.qrx ('/', '%', control characters and a
   leading '.' %-encoded); uploads are staged in DATA_DIR/.incoming.
@@ -333,9 +333,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 raise Reply(411, "Length Required", "Bodies must be sent with a Content-Length.")
             self.remaining = int(length)
             url = urllib.parse.urlsplit(self.path)
-            if url.path.startswith("/api/") and not self.counted:
+            if url.path.startswith("/api/"):
+                self.server.count("requests", *() if self.counted else ("connections", "open"))
                 self.counted = True
-                self.server.count("connections", "open")
             for method, pattern, name in ROUTES:
                 if (m := pattern.fullmatch(url.path)) and method == self.command:
                     break
@@ -393,12 +393,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_request(self, code="-", size="-"):
         pass  # every request is logged once, by reply()
 
-    def session(self, site_id):
+    def session(self, site_id, forget=False):
         token = (self.headers.get(AUTH_HEADER) or "").strip()
-        session = self.server.sessions.get(token) if token else None
+        with self.server.lock:
+            session = (self.server.sessions.pop if forget else self.server.sessions.get)(token, None)
         if session is None:
             raise Reply(401, "Unauthorized", f"The {AUTH_HEADER} token is {'unknown' if token else 'missing'}; "
                         "sign in first.")
+        if forget:
+            return None
         if site_id not in self.server.config.by_id:
             raise Reply(404, "Site Not Found", f'No site has the id "{site_id}".')
         if site_id != session[1].id:
@@ -423,11 +426,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.reply(200, document(element("credentials", {"token": token}, inner)), note=f'user "{name}"')
 
     def on_sign_out(self, query):
-        token = (self.headers.get(AUTH_HEADER) or "").strip()
-        with self.server.lock:
-            known = self.server.sessions.pop(token, None) is not None
-        if not known:
-            raise Reply(401, "Unauthorized", f"The {AUTH_HEADER} token is {'unknown' if token else 'missing'}.")
+        self.session(None, forget=True)
         self.reply(204, b"", note="signed out")
 
     def on_stats(self, query):
@@ -519,7 +518,7 @@ class ReferenceServer(http.server.ThreadingHTTPServer):
         self.address_family = socket.AF_INET6 if ":" in host else socket.AF_INET
         self.config, self.data_dir, self.quiet = config, data_dir, quiet
         self.sessions = {}  # token -> (user id, site)
-        self.counts = {"connections": 0, "open": 0}
+        self.counts = {"requests": 0, "connections": 0, "open": 0}
         self.lock = threading.Lock()
         os.makedirs(os.path.join(data_dir, STAGING), exist_ok=True)
         super().__init__((host, port), Handler)
