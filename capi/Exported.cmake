@@ -3,7 +3,8 @@
 # script, and no re-export of the static libraries linked in).
 add_library(OrvaneServer SHARED
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerExt.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerExt.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerSessionsExt.cpp)
 add_library(Orvane::Server ALIAS OrvaneServer)
 # The version string the library reports, from project(... VERSION).
 configure_file(${CMAKE_CURRENT_LIST_DIR}/LibraryVersion.h.in ${PROJECT_BINARY_DIR}/generated/capi/LibraryVersion.h @ONLY)

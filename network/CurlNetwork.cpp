@@ -227,6 +227,17 @@ bool CurlNetwork::Authenticate(CURL* handle)
     return true;
 }
 
+void CurlNetwork::ApplyConnectionSettings(CURL* handle, CurlHeaderList& headers, bool post)
+{
+    if (!m_options)
+        return;
+    if (m_options->m_connectionReuse)
+        m_share.Attach(handle);
+    // An empty "Expect:" line makes libcurl send the body at once.
+    if (post && m_options->m_expectContinue == false)
+        AppendHeader(headers, "Expect:");
+}
+
 void CurlNetwork::Send(RestRequest& request, RestReply& reply)
 {
     m_authenticationTried = false;
@@ -256,7 +267,8 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
     SetOpt(handle, CURLOPT_FOLLOWLOCATION, 1L);
     SetProxy(handle, request.m_url);
 
-    const CurlHeaderList headers = MakeHeaderList(request);
+    CurlHeaderList headers = MakeHeaderList(request);
+    ApplyConnectionSettings(handle, headers, post);
     SetOpt(handle, CURLOPT_HTTPHEADER, headers.get());
     TransferWatch watch(m_options.get(), reply);
     watch.Apply(handle);

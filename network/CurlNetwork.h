@@ -9,6 +9,7 @@
 
 #include "network/Certificate.h"
 #include "network/CurlNetworkProxy.h"
+#include "network/CurlShare.h"
 #include "network/INetwork.h"
 #include "network/TransferOptions.h"
 
@@ -21,6 +22,11 @@
 
 namespace OrvaneInternal {
 
+struct CurlHeaderListDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using CurlHeaderList = std::unique_ptr<curl_slist, CurlHeaderListDeleter>;
+
 class CurlNetwork : public INetwork {
   public:
     CurlNetwork() = default;
@@ -29,6 +35,7 @@ class CurlNetwork : public INetwork {
     void SetProxyCredentials(const std::string& user, const std::string& password) override;
     void Send(RestRequest& request, RestReply& reply) override;
     void SetTransferOptions(const std::shared_ptr<TransferOptions>& options) override { m_options = options; }
+    void CloseConnections() noexcept override { m_share.Reset(); }
 
     // The one credentials source, for the proxy and the server alike; host,
     // port and type are where a per-host source would plug in.
@@ -43,6 +50,8 @@ class CurlNetwork : public INetwork {
 
   private:
     void SetProxy(CURL* handle, const std::string& url);
+    // The session's connection reuse and "Expect" settings, when it made them.
+    void ApplyConnectionSettings(CURL* handle, CurlHeaderList& headers, bool post);
 
     std::map<std::wstring, std::vector<Certificate>> m_caCertificates;
     bool m_authenticationTried = false;
@@ -50,12 +59,8 @@ class CurlNetwork : public INetwork {
     std::string m_proxyPassword;
     bool m_proxyCredentialsSet = false;
     std::shared_ptr<TransferOptions> m_options; // the session's; none for a transport made alone
+    CurlShare m_share;                          // the kept-alive connection, when the session asked for one
 };
-
-struct CurlHeaderListDeleter {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-using CurlHeaderList = std::unique_ptr<curl_slist, CurlHeaderListDeleter>;
 
 // The request's header lines, in order: "Content-Type: " and "X-Orvane-Auth: "
 // with their values, also when empty.

@@ -22,6 +22,8 @@ class INetwork {
     // The session's extension settings, kept for every later Send; a
     // transport that has none of them to apply may ignore them.
     virtual void SetTransferOptions(const std::shared_ptr<TransferOptions>&) {}
+    // Closes the connections kept alive for later requests, if any; never throws.
+    virtual void CloseConnections() noexcept {}
 };
 
 } // namespace OrvaneInternal

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace OrvaneInternal {
@@ -24,7 +25,9 @@ struct TransferOptions {
     long m_uploadBufferSize = 0; // CURLOPT_UPLOAD_BUFFERSIZE; 0: unset
     ProgressCallback m_progress = nullptr;
     void* m_progressData = nullptr;
-    bool m_cancelEnabled = false; // EnableCancel was called
+    bool m_cancelEnabled = false;         // EnableCancel was called
+    bool m_connectionReuse = false;       // every request over the session's kept-alive connection
+    std::optional<bool> m_expectContinue; // false: uploads go without "Expect: 100-continue"
     std::atomic<bool> m_cancel{false};
 
     // True when a silent server must not keep a cancel or a stall waiting:

@@ -5,6 +5,8 @@
 
 #include "network/FailureKind.h"
 
+#include "server/ProjectCache.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -33,8 +35,12 @@ class ServerConnection {
 
     void Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
                  const std::wstring& siteId);
-    // Forgets the sign-in on the client side; nothing is sent to the server.
+    // Forgets the sign-in, the remembered projects and the kept connection on
+    // the client side; nothing is sent to the server.
     void Disconnect();
+    // POST .../auth/signout with the token, then Disconnect, also when that
+    // exchange fails.
+    void SignOut();
     void PublishExtract(const std::wstring& path, const std::wstring& projectName, const std::wstring& datasourceName,
                         bool overwrite);
 
@@ -61,6 +67,12 @@ class ServerConnection {
     TransferOptions& Options() { return *m_options; }
     // Safe from any thread while another is inside a call on the session.
     void Cancel();
+    // Opt-in round-trip savers (ServerConnectionSessions.cpp): one kept-alive
+    // connection for every request, project ids remembered for `seconds`
+    // (0: never), and uploads without "Expect: 100-continue".
+    void SetConnectionReuse(bool enable);
+    void SetProjectCache(long seconds);
+    void SetExpectContinue(bool enable);
     // Of the last call: the last reply's status (0: none), and the server's
     // explanation when it refused ("" otherwise).
     int64_t GetLastStatus() const { return m_lastStatus; }
@@ -101,6 +113,15 @@ class ServerConnection {
     void Publish(const std::wstring& path, const std::wstring& projectName, const std::wstring& datasourceName,
                  bool overwrite);
 
+    void SendSignOut();
+    // The project's id from the cache, else from the page walk (then
+    // remembered); `cached` tells which.
+    std::wstring ProjectId(const std::wstring& projectName, bool& cached);
+    // PublishExtractInternal; when a remembered id is answered with 404, the
+    // pages are walked again and the upload made once more.
+    void PublishToProject(const std::wstring& path, const std::wstring& projectName, const std::wstring& projectId,
+                          bool cached, const std::wstring& datasourceName, bool overwrite);
+
     // Before an exchange: stops for a cancel, and has the request body's read
     // path check for one (and, for an upload, report its progress).
     void WatchBody(RestRequest& request, bool upload);
@@ -117,6 +138,7 @@ class ServerConnection {
     std::wstring m_token;
     std::wstring m_siteId;
     bool m_connected = false;
+    ProjectCache m_projectCache;
 };
 
 } // namespace OrvaneInternal
