@@ -115,9 +115,11 @@ TEST_F(ReuseTest, RequestLostOnAReusedConnectionIsRepeatedOnce)
     const struct {
         const char* name;
         int reuse;
-        std::vector<Response> pages, uploads;
+        std::vector<Response> pages;
+        std::vector<Response> uploads;
         ORV_RESULT result;
-        std::size_t pagesAsked, uploadsSent;
+        std::size_t pagesAsked;
+        std::size_t uploadsSent;
     } rows[] = {
         {"page, reused", 1, {closed, page}, {stored}, ORV_RESULT_Success, 2, 1},
         {"upload, reused", 1, {page}, {closed, stored}, ORV_RESULT_Success, 1, 2},
@@ -156,7 +158,8 @@ TEST_F(ReuseTest, StaleCachedProjectIsLookedUpAgain)
     const struct {
         const char* name;
         long cacheSeconds;
-        std::vector<Response> pages, uploads;
+        std::vector<Response> pages;
+        std::vector<Response> uploads;
         std::vector<ORV_RESULT> results;     // one publish each
         std::vector<std::string> projectIds; // of the uploads, in order
     } rows[] = {
