@@ -21,6 +21,8 @@ FILES = 20
 PROJECT = "Samples"  # page 3 of the reference server's defaults
 USER, PASSWORD = "demo", "demo-password"
 CHUNK = 1 << 16
+SIGNIN = '<qsRequest><credentials name="%s" password="%s"><site contentUrl=""/></credentials></qsRequest>' % (
+    USER, PASSWORD)
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 
@@ -128,30 +130,25 @@ def reference_server(b):
     raise RuntimeError("the reference server did not start")
 
 
-def token(url):
-    body = ('<qsRequest><credentials name="%s" password="%s"><site contentUrl=""/></credentials></qsRequest>'
-            % (USER, PASSWORD)).encode()
-    with urllib.request.urlopen(urllib.request.Request(url + "/api/2.0/auth/signin", body), timeout=30) as r:
+def signed_in(url):
+    """A token, the site id and the project's id, fetched straight from the server, off the link."""
+    with urllib.request.urlopen(urllib.request.Request(url + "/api/2.0/auth/signin", SIGNIN.encode()), timeout=30) as r:
         text = r.read().decode()
-    return text.split('token="')[1].split('"')[0], text.split('site id="')[1].split('"')[0]
-
-
-def project_id(url, auth, site):
-    request = urllib.request.Request(url + "/api/2.0/sites/%s/projects?pageSize=1000&pageNumber=1" % site,
-                                     headers={"X-Orvane-Auth": auth})
-    with urllib.request.urlopen(request, timeout=30) as r:
+    auth, site = text.split('token="')[1].split('"')[0], text.split('site id="')[1].split('"')[0]
+    pages = urllib.request.Request(url + "/api/2.0/sites/%s/projects?pageSize=1000" % site,
+                                   headers={"X-Orvane-Auth": auth})
+    with urllib.request.urlopen(pages, timeout=30) as r:
         text = r.read().decode()
-    return text.split('name="%s"' % PROJECT)[0].rsplit('id="', 1)[1].split('"')[0]
+    return auth, site, text.split('name="%s"' % PROJECT)[0].rsplit('id="', 1)[1].split('"')[0]
 
 
 def curl_argv(relay, auth, site, project, files, expect):
     """The curl tool on one connection: a sign-in, the three pages a lookup of "Samples" reads, the
-    uploads; the token and the project id were fetched beforehand, off the link."""
+    uploads, with the token and project id of signed_in."""
     base = relay.url + "/api/2.0/sites/" + site
     common = ["--cacert", relay.cert, "-sS", "-f", "-o", "/dev/null", "-H", "X-Orvane-Auth: " + auth]
     common += [] if expect else ["-H", "Expect:"]
-    signin = '<qsRequest><credentials name="%s" password="%s"><site contentUrl=""/></credentials></qsRequest>'
-    argv = ["curl", *common, "-H", "Content-Type: text/xml", "--data-binary", signin % (USER, PASSWORD),
+    argv = ["curl", *common, "-H", "Content-Type: text/xml", "--data-binary", SIGNIN,
             relay.url + "/api/2.0/auth/signin"]
     for page in (1, 2, 3):
         argv += ["--next", *common, base + "/projects?pageSize=100&pageNumber=%d" % page]
@@ -179,8 +176,7 @@ def longlink(b):
     server, port = reference_server(b)
     relay = Relay(b.workdir, port)
     try:
-        auth, site = token("http://127.0.0.1:%d" % port)
-        project = project_id("http://127.0.0.1:%d" % port, auth, site)
+        auth, site, project = signed_in("http://127.0.0.1:%d" % port)
         cli = os.path.join(b.build, "tools", "orvane-publish")
         env = dict(b.env, ORVANE_PASSWORD=PASSWORD, ORVANE_LIBRARY=os.path.join(b.build, "libOrvaneServer.so"),
                    PYTHONPATH=os.path.join(ROOT, "python"))
