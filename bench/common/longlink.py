@@ -144,7 +144,7 @@ def signed_in(url):
 
 def curl_argv(relay, auth, site, project, files, expect):
     """The curl tool on one connection: a sign-in, the three pages a lookup of "Samples" reads, the
-    uploads, with the token and project id of signed_in."""
+    uploads and a sign-out, with the token and project id of signed_in."""
     base = relay.url + "/api/2.0/sites/" + site
     common = ["--cacert", relay.cert, "-sS", "-f", "-o", "/dev/null", "-H", "X-Orvane-Auth: " + auth]
     common += [] if expect else ["-H", "Expect:"]
@@ -158,7 +158,7 @@ def curl_argv(relay, auth, site, project, files, expect):
         argv += ["--next", *common, "--form-string", "request_payload=" + payload % (stem, project),
                  "-F", "orvane_datasource=@%s;type=application/octet-stream" % path,
                  base + "/datasources?overwrite=true"]
-    return argv
+    return argv + ["--next", *common, "-X", "POST", relay.url + "/api/2.0/auth/signout"]
 
 
 PYTHON_SIDE = """
@@ -176,7 +176,7 @@ def longlink(b):
     server, port = reference_server(b)
     relay = Relay(b.workdir, port)
     try:
-        auth, site, project = signed_in("http://127.0.0.1:%d" % port)
+        direct = "http://127.0.0.1:%d" % port
         cli = os.path.join(b.build, "tools", "orvane-publish")
         env = dict(b.env, ORVANE_PASSWORD=PASSWORD, ORVANE_LIBRARY=os.path.join(b.build, "libOrvaneServer.so"),
                    PYTHONPATH=os.path.join(ROOT, "python"))
@@ -197,10 +197,10 @@ def longlink(b):
             sides = {"cli": lambda: timed(publish + chosen),
                      "cli --no-reuse": lambda: timed(publish + ["--no-reuse"] + chosen),
                      "python": lambda: timed([sys.executable, "-c", PYTHON_SIDE, relay.url, relay.cert, *chosen]),
-                     "curl": lambda: timed(curl_argv(relay, auth, site, project, chosen, False)),
-                     "curl with Expect": lambda: timed(curl_argv(relay, auth, site, project, chosen, True))}
+                     "curl": lambda: timed(curl_argv(relay, *signed_in(direct), chosen, False)),
+                     "curl with Expect": lambda: timed(curl_argv(relay, *signed_in(direct), chosen, True))}
             runs = b.alternate(**sides)
-            floor = 2 * DELAY * (6 + count)  # TCP, TLS, sign-in, 3 pages, the uploads
+            floor = 2 * DELAY * (7 + count)  # TCP, TLS, sign-in, 3 pages, the uploads, sign-out
             curl = report.stats([r["wall"] for r in runs["curl"]])
             for name, results in runs.items():
                 wall = report.stats([r["wall"] for r in results])
