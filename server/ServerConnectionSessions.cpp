@@ -2,7 +2,6 @@
 // project cache, uploads without "Expect") and sign-out.
 #include "logging/Logger.h"
 #include "network/INetwork.h"
-#include "network/TransferOptions.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
 #include "server/SignOutReqMsg.h"
@@ -11,7 +10,7 @@ namespace OrvaneInternal {
 
 void ServerConnection::SetConnectionReuse(bool enable)
 {
-    m_options->m_connectionReuse = enable;
+    m_options.m_connectionReuse = enable;
     if (!enable)
         m_network->CloseConnections();
 }
@@ -23,7 +22,7 @@ void ServerConnection::SetProjectCache(long seconds)
 
 void ServerConnection::SetExpectContinue(bool enable)
 {
-    m_options->m_expectContinue = enable;
+    m_options.m_expectContinue = enable;
 }
 
 void ServerConnection::SendSignOut()
