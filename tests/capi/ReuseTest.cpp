@@ -190,11 +190,13 @@ TEST_F(ReuseTest, ReuseAfterACancelOrATimeOut)
     const struct {
         const char* name;
         long stallSeconds;
+        long totalSeconds;
         ORV_PROGRESS_CALLBACK progress;
         ORV_RESULT stopped;
     } rows[] = {
-        {"stall time-out", 1, nullptr, ORV_RESULT_TimedOut},
-        {"cancel", 0, &CancelOnceSending, ORV_RESULT_Cancelled},
+        {"stall time-out", 1, 0, nullptr, ORV_RESULT_TimedOut},
+        {"total time-out", 0, 1, nullptr, ORV_RESULT_TimedOut},
+        {"cancel", 0, 0, &CancelOnceSending, ORV_RESULT_Cancelled},
     };
     // Larger than what loopback socket buffers hold, so that the held upload stalls.
     const std::string extract = Extract("e.qrx", Bytes(24 << 20, 3));
@@ -206,12 +208,14 @@ TEST_F(ReuseTest, ReuseAfterACancelOrATimeOut)
         Connection connection;
         Configure(connection, 1, 60);
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetStallTimeout(connection.Handle(), row.stallSeconds));
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetTotalTimeout(connection.Handle(), row.totalSeconds));
         ASSERT_EQ(ORV_RESULT_Success,
                   OrvServerConnectionSetProgressCallback(connection.Handle(), row.progress, nullptr));
         ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p"));
         EXPECT_EQ(row.stopped, connection.Publish(extract, "Sales", "d", 1));
         server.ReleaseHolds();
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProgressCallback(connection.Handle(), nullptr, nullptr));
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetTotalTimeout(connection.Handle(), 0));
         EXPECT_EQ(ORV_RESULT_Success, connection.Publish(extract, "Sales", "d", 1));
         const auto uploads = To(server.WaitForRequests(4), kUploadPath);
         ASSERT_EQ(2u, uploads.size());
