@@ -36,6 +36,7 @@ class Relay:
         self.tls.load_cert_chain(self.cert, key)
         self.upstream, self.delay = upstream_port, delay
         self.counts = dict.fromkeys(("connections", "handshakes", "resumed", "turns"), 0)
+        self.writers = set()
         self.loop = asyncio.new_event_loop()
         self.thread = threading.Thread(target=self.loop.run_forever, daemon=True)
         self.thread.start()
@@ -63,10 +64,10 @@ class Relay:
         async def close():
             for server in self.servers:
                 server.close()
+            for writer in self.writers:  # the pipes then end on their own
+                writer.transport.abort()
             tasks = [t for t in asyncio.all_tasks() if t is not asyncio.current_task()]
-            for task in tasks:
-                task.cancel()
-            await asyncio.gather(*tasks, return_exceptions=True)
+            await asyncio.wait(tasks, timeout=5) if tasks else None
 
         asyncio.run_coroutine_threadsafe(close(), self.loop).result(10)
         self.loop.call_soon_threadsafe(self.loop.stop)
@@ -77,6 +78,7 @@ class Relay:
         await asyncio.sleep(2 * self.delay)  # SYN, SYN-ACK
         tls_port = self.servers[0].sockets[0].getsockname()[1]
         reader, writer = await asyncio.open_connection("127.0.0.1", tls_port)
+        self.writers.update((client_writer, writer))
         last = ["down"]
         await asyncio.gather(self._pipe(client_reader, writer, self.delay, last, "up"),
                              self._pipe(reader, client_writer, self.delay, last, "down"))
@@ -85,6 +87,7 @@ class Relay:
         reused = client_writer.get_extra_info("ssl_object").session_reused
         self.counts["resumed" if reused else "handshakes"] += 1
         reader, writer = await asyncio.open_connection("127.0.0.1", self.upstream)
+        self.writers.update((client_writer, writer))
         await asyncio.gather(self._pipe(client_reader, writer), self._pipe(reader, client_writer))
 
     async def _pipe(self, reader, writer, delay=0.0, last=None, direction=""):
@@ -113,6 +116,7 @@ class Relay:
         except OSError:
             pass
         writer.close()
+        self.writers.discard(writer)
 
 
 def reference_server(b):
