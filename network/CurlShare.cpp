@@ -22,7 +22,7 @@ void CurlShare::Attach(CURL* handle)
     SetOpt(handle, CURLOPT_SHARE, m_share);
 }
 
-void CurlShare::Reset()
+void CurlShare::Reset() noexcept
 {
     if (m_share != nullptr)
         curl_share_cleanup(m_share);

@@ -22,7 +22,7 @@ class CurlShare {
     // handle must be cleaned up before Reset or the destructor.
     void Attach(CURL* handle);
     // Closes the kept connections and forgets the TLS sessions.
-    void Reset();
+    void Reset() noexcept;
 
   private:
     CURLSH* m_share = nullptr;

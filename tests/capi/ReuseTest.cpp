@@ -56,6 +56,7 @@ class ReuseTest : public StartedTest {};
 // Counted by the reference server ("Samples" is on page 3): without the calls,
 // every request opens a connection and every publish walks the pages; reuse
 // keeps one connection per Connect, the cache skips the walk until Connect.
+// Sign-out ends the session on the server.
 TEST_F(ReuseTest, ConnectionsAndPageWalksPerSetting)
 {
     const struct {
@@ -89,6 +90,9 @@ TEST_F(ReuseTest, ConnectionsAndPageWalksPerSetting)
         EXPECT_EQ(row.requests, server.Stat("requests") - requests);
         EXPECT_EQ(row.connections, server.Stat("connections") - connections);
         EXPECT_EQ("extract bytes", server.Stored("Samples", "second").value_or(""));
+        const long live = server.Stat("sessions");
+        EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionSignOut(connection.Handle()));
+        EXPECT_EQ(live - 1, server.Stat("sessions"));
     }
 }
 
@@ -140,9 +144,8 @@ TEST_F(ReuseTest, RequestLostOnAReusedConnectionIsRepeatedOnce)
         const auto uploads = To(requests, kUploadPath);
         ASSERT_EQ(row.uploadsSent, uploads.size());
         if (row.result == ORV_RESULT_Success) {
-            EXPECT_EQ(Framing(BoundaryOf(uploads.back()), "d", extract).first + Bytes(200000, 7) +
-                          Framing(BoundaryOf(uploads.back()), "d", extract).second,
-                      uploads.back().body);
+            EXPECT_TRUE(uploads.back().bodyComplete);
+            EXPECT_EQ(uploads.front().bodySha256, uploads.back().bodySha256); // a resend starts from the top
         }
     }
 }
@@ -290,17 +293,6 @@ TEST_F(ReuseTest, SignOutSendsTheTokenAndDisconnects)
         EXPECT_EQ(requests[0].HeaderValue("Content-Type"), signOuts[0].HeaderValue("Content-Type"));
         EXPECT_EQ(0u, signOuts[0].bodyLength);
     }
-}
-
-TEST_F(ReuseTest, SignOutEndsTheSessionOnTheReferenceServer)
-{
-    ReferenceServer server;
-    Connection connection;
-    ASSERT_EQ(ORV_RESULT_Success, connection.Create());
-    ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.Url(), "demo", "demo-password"));
-    ASSERT_EQ(1, server.Stat("sessions"));
-    EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionSignOut(connection.Handle()));
-    EXPECT_EQ(0, server.Stat("sessions"));
 }
 
 } // namespace
