@@ -5,7 +5,6 @@ add_library(OrvaneServer SHARED
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.cpp
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerExt.cpp
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerLog.cpp
-
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerSessionsExt.cpp)
 add_library(Orvane::Server ALIAS OrvaneServer)
 # The version string the library reports, from project(... VERSION).
