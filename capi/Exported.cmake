@@ -4,7 +4,8 @@
 add_library(OrvaneServer SHARED
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.cpp
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerExt.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerLog.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerLog.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerSessionsExt.cpp)
 add_library(Orvane::Server ALIAS OrvaneServer)
 # The version string the library reports, from project(... VERSION).
 configure_file(${CMAKE_CURRENT_LIST_DIR}/LibraryVersion.h.in ${PROJECT_BINARY_DIR}/generated/capi/LibraryVersion.h @ONLY)

@@ -209,6 +209,16 @@ bool CurlNetwork::Authenticate(CURL* handle)
     return true;
 }
 
+void CurlNetwork::ApplyConnectionSettings(CURL* handle, CurlHeaderList& headers, const SessionOptions& options,
+                                          bool post)
+{
+    if (options.m_connectionReuse)
+        m_share.Attach(handle);
+    // An empty "Expect:" line makes libcurl send the body at once.
+    if (post && options.m_expectContinue == false)
+        AppendHeader(headers, "Expect:");
+}
+
 bool CurlNetwork::FollowRedirect(CURL* handle, const SessionOptions& options, long status, std::string& url,
                                  long& redirects)
 {
@@ -257,7 +267,8 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply, CallContext& cont
     SetOpt(handle, CURLOPT_FOLLOWLOCATION, ownRedirects ? 0L : 1L);
     SetProxy(handle, url);
 
-    const CurlHeaderList headers = MakeHeaderList(request);
+    CurlHeaderList headers = MakeHeaderList(request);
+    ApplyConnectionSettings(handle, headers, options, post);
     SetOpt(handle, CURLOPT_HTTPHEADER, headers.get());
     CurlTransfer transfer(*this, request, reply, context);
     transfer.Apply(handle);

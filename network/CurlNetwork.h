@@ -11,6 +11,7 @@
 
 #include "network/Certificate.h"
 #include "network/CurlNetworkProxy.h"
+#include "network/CurlShare.h"
 #include "network/INetwork.h"
 
 #include <curl/curl.h>
@@ -22,6 +23,11 @@
 
 namespace OrvaneInternal {
 
+struct CurlHeaderListDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using CurlHeaderList = std::unique_ptr<curl_slist, CurlHeaderListDeleter>;
+
 struct SessionOptions;
 
 class CurlNetwork : public INetwork {
@@ -31,6 +37,7 @@ class CurlNetwork : public INetwork {
 
     void SetProxyCredentials(const std::string& user, const std::string& password) override;
     void Send(RestRequest& request, RestReply& reply, CallContext& context) override;
+    void CloseConnections() noexcept override { m_share.Reset(); }
 
     // The one credentials source, for the proxy and the server alike; host,
     // port and type are where a per-host source would plug in.
@@ -49,18 +56,16 @@ class CurlNetwork : public INetwork {
     // one at a time, each target checked first; true when the transfer is to
     // be repeated at the new URL in `url`.
     bool FollowRedirect(CURL* handle, const SessionOptions& options, long status, std::string& url, long& redirects);
+    // The session's connection reuse and "Expect" settings, when it made them.
+    void ApplyConnectionSettings(CURL* handle, CurlHeaderList& headers, const SessionOptions& options, bool post);
 
     std::map<std::wstring, std::vector<Certificate>> m_caCertificates;
     bool m_authenticationTried = false;
     std::string m_proxyUser;
     std::string m_proxyPassword;
     bool m_proxyCredentialsSet = false;
+    CurlShare m_share; // the kept-alive connection, when the session asked for one
 };
-
-struct CurlHeaderListDeleter {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-using CurlHeaderList = std::unique_ptr<curl_slist, CurlHeaderListDeleter>;
 
 // The request's header lines, in order: "Content-Type: " and "X-Orvane-Auth: "
 // with their values, also when empty.

@@ -20,6 +20,8 @@ class INetwork {
     // Performs `request` under the call's settings, limits and cancel token,
     // filling `reply` with the body and the status.
     virtual void Send(RestRequest& request, RestReply& reply, CallContext& context) = 0;
+    // Closes the connections kept alive for later requests, if any; never throws.
+    virtual void CloseConnections() noexcept {}
 };
 
 } // namespace OrvaneInternal

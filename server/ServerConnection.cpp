@@ -161,6 +161,8 @@ void ServerConnection::Disconnect()
     m_token.clear();
     m_siteId.clear();
     m_connected = false;
+    m_projectCache.Clear();
+    m_network->CloseConnections();
 }
 
 std::string ServerConnection::Send(const ReqMsg& message, Exchange exchange)
@@ -267,11 +269,12 @@ void ServerConnection::Publish(const std::wstring& path, const std::wstring& pro
                               L"File \"" + path + L"\" is either invalid or doesn't exist",
                               FailureKind::ExtractUnusable);
 
-    const std::wstring projectId = FindProject(projectName);
+    bool cached = false;
+    const std::wstring projectId = ProjectId(projectName, cached);
     Log(L"Publishing extract: " + path);
     Log(L"Project name      : " + projectName);
     Log(L"Data source name  : " + datasourceName);
-    PublishExtractInternal(path, projectId, datasourceName, overwrite);
+    PublishToProject(path, projectName, projectId, cached, datasourceName, overwrite);
 }
 
 std::wstring ServerConnection::FindProject(const std::wstring& projectName)
@@ -300,6 +303,11 @@ void ServerConnection::PublishExtractInternal(const std::wstring& path, const st
         Send(PublishExtReqMsg(m_host, m_siteId, m_token, path, projectId, datasourceName, overwrite),
              overwrite ? Exchange::Overwrite : Exchange::Upload));
     (void)reply; // a reply of the right shape is the success
+}
+
+void ServerConnection::SignOut()
+{
+    RunCall([&] { SendSignOut(); });
 }
 
 void ServerConnection::CheckProject(const std::wstring& projectName)

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "network/FailureKind.h"
+#include "server/ProjectCache.h"
 #include "server/SessionOptions.h"
 
 #include <atomic>
@@ -36,8 +37,12 @@ class ServerConnection {
     void SetProxyCredentials(const std::wstring& user, const std::wstring& password);
     void Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
                  const std::wstring& siteId);
-    // Forgets the sign-in on the client side; nothing is sent to the server.
+    // Forgets the sign-in, the remembered projects and the kept connection on
+    // the client side; nothing is sent to the server.
     void Disconnect();
+    // POST .../auth/signout with the token, then Disconnect, also when that
+    // exchange fails.
+    void SignOut();
     void PublishExtract(const std::wstring& path, const std::wstring& projectName, const std::wstring& datasourceName,
                         bool overwrite);
 
@@ -78,6 +83,12 @@ class ServerConnection {
 
     // Safe from any thread while another is inside a call on the session.
     void Cancel() { m_cancel.store(true); }
+    // Opt-in round-trip savers (ServerConnectionSessions.cpp): one kept-alive
+    // connection for every request, project ids remembered for `seconds`
+    // (0: never), and uploads without "Expect: 100-continue".
+    void SetConnectionReuse(bool enable);
+    void SetProjectCache(long seconds);
+    void SetExpectContinue(bool enable);
     // Of the last call: the status of the exchange it ended on (0: none), the
     // server's explanation when it refused ("" otherwise), what kind of
     // failure ended it (None after a success) and libcurl's code for it (0
@@ -107,6 +118,15 @@ class ServerConnection {
     void Publish(const std::wstring& path, const std::wstring& projectName, const std::wstring& datasourceName,
                  bool overwrite);
 
+    void SendSignOut();
+    // The project's id from the cache, else from the page walk (then
+    // remembered); `cached` tells which.
+    std::wstring ProjectId(const std::wstring& projectName, bool& cached);
+    // PublishExtractInternal; when a remembered id is answered with 404, the
+    // pages are walked again and the upload made once more.
+    void PublishToProject(const std::wstring& path, const std::wstring& projectName, const std::wstring& projectId,
+                          bool cached, const std::wstring& datasourceName, bool overwrite);
+
     std::shared_ptr<INetwork> m_network;
     SessionOptions m_options;
     std::atomic<bool> m_cancel{false};
@@ -121,6 +141,7 @@ class ServerConnection {
     std::wstring m_token;
     std::wstring m_siteId;
     bool m_connected = false;
+    ProjectCache m_projectCache;
 };
 
 } // namespace OrvaneInternal

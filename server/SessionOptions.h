@@ -27,7 +27,9 @@ struct SessionOptions {
     std::optional<RedirectPolicy> m_redirectPolicy;
     ProgressCallback m_progress = nullptr;
     void* m_progressData = nullptr;
-    bool m_cancelEnabled = false; // a cancel must stop the call also while the server is silent
+    bool m_cancelEnabled = false;         // a cancel must stop the call also while the server is silent
+    bool m_connectionReuse = false;       // every request over the session's kept-alive connection
+    std::optional<bool> m_expectContinue; // false: uploads go without "Expect: 100-continue"
 
     // True when a silent server must not keep a cancel, a progress report or
     // a time limit waiting: the transport then looks at the transfer at least

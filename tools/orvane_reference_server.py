@@ -61,9 +61,12 @@ config file (JSON); ids left out are derived from the names, stable across runs:
 
 endpoints (after sign-in the token goes in the "X-Orvane-Auth" header):
   POST /api/2.0/auth/signin                                 returns a token
+  POST /api/2.0/auth/signout                                204; the token is refused afterwards
   GET  /api/2.0/sites/SITE/projects?pageSize=N&pageNumber=P
   POST /api/2.0/sites/SITE/datasources[?overwrite=true]     multipart/mixed upload
   GET  /__published                                         the listing below; no token
+  GET  /__stats                                             lines "sessions N", "requests N" (to /api),
+                                                            "connections N" (that carried one), "open N"
 
 storage: DATA_DIR/SITE_ID/PROJECT/NAME.qrx ('/', '%', control characters and a
   leading '.' %-encoded); uploads are staged in DATA_DIR/.incoming.
@@ -288,17 +291,21 @@ def multipart_boundary(content_type):
 
 
 ROUTES = [("POST", re.compile(r"/api/2\.0/auth/signin"), "sign_in"),
+          ("POST", re.compile(r"/api/2\.0/auth/signout"), "sign_out"),
           ("GET", re.compile(r"/api/2\.0/sites/([^/]+)/projects"), "projects"),
           ("POST", re.compile(r"/api/2\.0/sites/([^/]+)/datasources"), "publish"),
-          ("GET", re.compile(r"/__published"), "published")]
+          ("GET", re.compile(r"/__published"), "published"),
+          ("GET", re.compile(r"/__stats"), "stats")]
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     server_version = "OrvaneReferenceServer/1.0"
     sys_version = ""
-    timeout = 120  # a connection silent this long is dropped
+    timeout = 120  # a connection silent this long is dropped (--idle-timeout)
+    disable_nagle_algorithm = True  # else a kept-alive client waits out delayed ACKs on every reply
     continue_pending = False
+    counted = False  # this connection has carried an /api request
 
     def handle_expect_100(self):
         # Deferred until the body is wanted, so that a refused upload is never sent.
@@ -326,6 +333,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 raise Reply(411, "Length Required", "Bodies must be sent with a Content-Length.")
             self.remaining = int(length)
             url = urllib.parse.urlsplit(self.path)
+            if url.path.startswith("/api/"):
+                self.server.count("requests", *() if self.counted else ("connections", "open"))
+                self.counted = True
             for method, pattern, name in ROUTES:
                 if (m := pattern.fullmatch(url.path)) and method == self.command:
                     break
@@ -350,6 +360,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     do_GET = do_POST = do_PUT = do_DELETE = dispatch
 
+    def finish(self):
+        super().finish()
+        if self.counted:
+            self.server.count("open", step=-1)
+
     def reply(self, status, body, content_type="application/xml;charset=UTF-8", note=""):
         try:  # an unread body is read and dropped, unless the client still waits for 100 Continue
             while self.remaining and not self.continue_pending and self.read_body():
@@ -358,8 +373,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             pass
         self.close_connection = self.close_connection or self.remaining > 0
         self.send_response(status)
-        self.send_header("Content-Type", content_type)
-        self.send_header("Content-Length", str(len(body)))
+        if status != 204:
+            self.send_header("Content-Type", content_type)
+            self.send_header("Content-Length", str(len(body)))
         if self.close_connection:
             self.send_header("Connection", "close")
         self.end_headers()
@@ -377,12 +393,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_request(self, code="-", size="-"):
         pass  # every request is logged once, by reply()
 
-    def session(self, site_id):
+    def session(self, site_id, forget=False):
         token = (self.headers.get(AUTH_HEADER) or "").strip()
-        session = self.server.sessions.get(token) if token else None
+        with self.server.lock:
+            session = (self.server.sessions.pop if forget else self.server.sessions.get)(token, None)
         if session is None:
             raise Reply(401, "Unauthorized", f"The {AUTH_HEADER} token is {'unknown' if token else 'missing'}; "
                         "sign in first.")
+        if forget:
+            return None
         if site_id not in self.server.config.by_id:
             raise Reply(404, "Site Not Found", f'No site has the id "{site_id}".')
         if site_id != session[1].id:
@@ -405,6 +424,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
         user_id, site = self.server.sessions[token][0], self.server.config.by_url[content_url]
         inner = element("site", {"id": site.id, "contentUrl": site.content_url}) + element("user", {"id": user_id})
         self.reply(200, document(element("credentials", {"token": token}, inner)), note=f'user "{name}"')
+
+    def on_sign_out(self, query):
+        self.session(None, forget=True)
+        self.reply(204, b"", note="signed out")
+
+    def on_stats(self, query):
+        with self.server.lock:
+            text = "".join(f"{k} {v}\n" for k, v in {"sessions": len(self.server.sessions), **self.server.counts}.items())
+        self.reply(200, text.encode(), "text/plain;charset=UTF-8")
 
     def on_projects(self, query, site_id):
         site = self.session(site_id)[1]
@@ -490,6 +518,7 @@ class ReferenceServer(http.server.ThreadingHTTPServer):
         self.address_family = socket.AF_INET6 if ":" in host else socket.AF_INET
         self.config, self.data_dir, self.quiet = config, data_dir, quiet
         self.sessions = {}  # token -> (user id, site)
+        self.counts = {"requests": 0, "connections": 0, "open": 0}
         self.lock = threading.Lock()
         os.makedirs(os.path.join(data_dir, STAGING), exist_ok=True)
         super().__init__((host, port), Handler)
@@ -498,6 +527,11 @@ class ReferenceServer(http.server.ThreadingHTTPServer):
         # The stdlib version resolves the host name, which can stall without DNS.
         socketserver.TCPServer.server_bind(self)
         self.server_name, self.server_port = self.server_address[:2]
+
+    def count(self, *names, step=1):
+        with self.lock:
+            for name in names:
+                self.counts[name] += step
 
     def sign_in(self, name, password, content_url):
         user, site = self.config.users.get(name), self.config.by_url.get(content_url)
@@ -536,6 +570,8 @@ def main(argv=None):
     p.add_argument("--data-dir", metavar="DIR",
                    help="where published extracts are stored (default: a temporary directory, removed on exit)")
     p.add_argument("--quiet", action="store_true", help="do not log requests")
+    p.add_argument("--idle-timeout", type=float, default=120, metavar="S",
+                   help="close a kept-alive connection silent this long (default 120)")
     p.add_argument("--list", action="store_true", help="print what is stored in --data-dir and exit")
     args = p.parse_args(argv)
     if args.list and not args.data_dir:
@@ -557,6 +593,7 @@ def main(argv=None):
 
     owned_dir = None if args.data_dir else tempfile.mkdtemp(prefix="orvane-reference-")
     data_dir = os.path.abspath(args.data_dir or owned_dir)
+    Handler.timeout = args.idle_timeout
     try:
         server = ReferenceServer(args.host, args.port, config, data_dir, args.quiet)
     except OSError as e:

@@ -21,6 +21,7 @@ import tempfile
 import time
 
 import peers
+from longlink import longlink
 import lookup_profile
 import report
 from report import stats
@@ -261,7 +262,8 @@ def startup(b):
               stats([r[i] for r in runs["ref"]], factor), note)
 
 
-BENCHMARKS = {"upload": upload, "extension": extension, "memory": memory, "lookup": lookup, "logging": logging, "startup": startup}
+BENCHMARKS = {"upload": upload, "extension": extension, "memory": memory, "lookup": lookup, "logging": logging,
+              "startup": startup, "longlink": longlink}
 
 
 def main():

@@ -216,13 +216,17 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetRedirectPolicy(void* handle, ORV
 /* ---- Fewer round trips ---------------------------------------------------- */
 
 /* Non-zero: every request of the handle goes over one kept-alive connection
- * and TLS session, replaced without notice when the server closes it. 0 (the
- * default): a new connection for every request. */
+ * and TLS session, replaced without notice when the server closes it; a
+ * request lost on the kept connection before any byte of the answer came is
+ * sent once more on a fresh one. Disconnect (and Connect, SignOut) close it.
+ * 0 (the default): a new connection for every request. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetConnectionReuse(void* handle, int enable);
 
 /* Remembers a project's id for `seconds` (0: never, the default) until the
  * next Connect or Disconnect, so a publish to a known project skips the page
- * walk; an upload the server answers with 404 walks the pages again once. */
+ * walk; an upload to a remembered id that the server answers with 404 walks
+ * the pages again and uploads once more. A negative value gives
+ * ORV_RESULT_InvalidArgument. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetProjectCache(void* handle, long seconds);
 
 /* 0: uploads go out without "Expect: 100-continue" (no idle round trip
@@ -232,7 +236,10 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetExpectContinue(void* handle, int
 /* ---- Sign-out --------------------------------------------------------------- */
 
 /* Signs the session out on the server (POST .../auth/signout with the token)
- * and then disconnects, also when the server's answer is a failure. */
+ * and then disconnects, also when the server's answer is a failure. Result
+ * codes as for the other calls: ORV_SERVER_NotConnected before Connect,
+ * ORV_SERVER_ServerResponseError for a refusal, ORV_SERVER_NetworkFailure
+ * when the exchange fails. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSignOut(void* handle);
 
 /* ---- The log ------------------------------------------------------------------ */

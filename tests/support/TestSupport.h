@@ -11,6 +11,7 @@
 #include <strings.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -464,7 +465,8 @@ class Connection {
 // tools/orvane-reference-server on loopback; by default user "demo" / "demo-password", project "Samples" on page 3.
 class ReferenceServer {
   public:
-    explicit ReferenceServer(const std::string& configJson = "") : m_dir("orv-reference")
+    explicit ReferenceServer(const std::string& configJson = "", const std::vector<std::string>& options = {})
+        : m_dir("orv-reference")
     {
         WriteFileBytes(m_dir.File("config.json"), configJson);
         std::vector<std::string> argv{ORV_PYTHON,    ORV_SOURCE_DIR "/tools/orvane-reference-server",
@@ -475,9 +477,29 @@ class ReferenceServer {
                                       "--quiet"};
         if (!configJson.empty())
             argv.insert(argv.end(), {"--config", m_dir.File("config.json")});
+        argv.insert(argv.end(), options.begin(), options.end());
         m_port = StartPeer(m_process, m_dir, argv);
     }
     std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+    // The server's counters from GET /__stats: sessions, requests, connections, open (-1: no answer).
+    long Stat(const std::string& name) const
+    {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const timeval limit{10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        sockaddr_in address{AF_INET, htons(static_cast<unsigned short>(m_port)), {htonl(INADDR_LOOPBACK)}, {}};
+        std::string reply;
+        if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+            const std::string request = "GET /__stats HTTP/1.0\r\n\r\n";
+            send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+            char buffer[4096];
+            for (ssize_t got; (got = recv(fd, buffer, sizeof buffer, 0)) > 0;)
+                reply.append(buffer, static_cast<std::size_t>(got));
+        }
+        close(fd);
+        const std::size_t at = reply.find("\n" + name + " ");
+        return at == std::string::npos ? -1 : std::stol(reply.substr(at + name.size() + 2));
+    }
     // The bytes stored for data source `name` in `project`, on any site.
     std::optional<std::string> Stored(const std::string& project, const std::string& name) const
     {
