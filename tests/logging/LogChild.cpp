@@ -14,7 +14,7 @@ using OrvaneInternal::Logger;
 using OrvaneInternal::ServerAPI;
 
 // The forked child starts threads of its own, which the thread sanitizer refuses by default.
-extern "C" const char* __tsan_default_options()
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options()
 {
     return "die_after_fork=0";
 }
