@@ -29,7 +29,8 @@ RefCntPtr<SimpleLogger> Open(const std::string& path)
 }
 void Drain(SimpleLogger& logger)
 {
-    logger.QueueStop(), logger.Run();
+    logger.QueueStop();
+    logger.Run();
 }
 const std::regex kHeader(R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \((\d{4,})\): )");
 // The payloads of a log's lines, each checked for its header.
@@ -63,7 +64,9 @@ Strings RunLines(long pid, const Strings& middle, bool cleanup = true)
 {
     Strings lines{"pid=" + std::to_string(pid) + "----------------------------------", "Curl global initialization"};
     lines.insert(lines.end(), middle.begin(), middle.end());
-    return cleanup ? lines.push_back("Curl global cleanup"), lines : lines;
+    if (cleanup)
+        lines.push_back("Curl global cleanup");
+    return lines;
 }
 
 class LogTest : public ::testing::Test {
@@ -81,7 +84,8 @@ class LogTest : public ::testing::Test {
     }
     TempDirectory m_dir{"orv-log"};
     int m_logDir = setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1);
-    const std::string m_base = m_dir.File("OrvaneSDKServer.log"), m_sibling = m_dir.File("OrvaneSDKServer_1.log");
+    const std::string m_base = m_dir.File("OrvaneSDKServer.log");
+    const std::string m_sibling = m_dir.File("OrvaneSDKServer_1.log");
 };
 
 } // namespace
@@ -116,9 +120,12 @@ TEST_F(LogTest, EveryLineGetsTheHeaderOfItsMessageAndItsTextAsUtf8)
         const std::string before = now();
         pid_t caller = 0;
         std::thread([&, &w = wide, &n = narrow] {
-            caller = gettid(), n.empty() ? logger->QueueMessage(w) : logger->QueueMessage(n);
+            caller = gettid();
+            n.empty() ? logger->QueueMessage(w) : logger->QueueMessage(n);
         }).join();
-        const std::string after = now(), content = (Drain(*logger), ReadFileBytes(m_base));
+        const std::string after = now();
+        Drain(*logger);
+        const std::string content = ReadFileBytes(m_base);
         EXPECT_EQ(lines, Payloads(m_base));
         std::smatch h;
         EXPECT_TRUE(lines.empty() || (std::regex_search(content, h, kHeader) && before <= h.str(1) &&
@@ -205,7 +212,8 @@ TEST_F(LogTest, LockHolderInAnotherProcessSendsTheLogToTheNextName)
     ASSERT_TRUE(WaitUntil([&] { // another process holds the lock
         const int fd = open(m_base.c_str(), O_RDONLY | O_CLOEXEC);
         const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-        return close(fd), held;
+        close(fd);
+        return held;
     }));
     const long beside = RunChild({"log", "beside the shell"});
     EXPECT_EQ(RunLines(beside, {"beside the shell"}), Payloads(m_sibling));
