@@ -249,16 +249,23 @@ TEST_F(LogTest, LastLineWithoutCleanupAndTheCurrentDirectoryAsFallback)
 }
 
 // A host forks while one of its threads logs; the child logs and stops the library, the parent goes
-// on. Each process's lines reach the file once, the lines of each thread in their order.
+// on. Each process's lines reach the file once, the lines of each thread in their order. The thread
+// sanitizer cannot follow a thread started in a forked child, so there the child only ends.
 TEST_F(LogTest, ForkedChildLogsThroughAWriterOfItsOwnAndTheParentGoesOn)
 {
-    const long parent = RunChild({"fork", "before the fork"});
+#ifdef __SANITIZE_THREAD__
+    const int childLines = 0;
+#else
+    const int childLines = 100;
+#endif
+    const long parent = RunChild({"fork", "before the fork", std::to_string(childLines)});
     const Strings lines = Payloads(m_base);
-    EXPECT_EQ(Numbered("child line ", 100), Filter(lines, "child line ", true));
+    EXPECT_EQ(Numbered("child line ", childLines), Filter(lines, "child line ", true));
     EXPECT_EQ(Numbered("parent thread ", 2000), Filter(lines, "parent thread ", true));
     Strings rest = Filter(Filter(lines, "child line ", false), "parent thread ", false);
     Strings expected = RunLines(parent, {"before the fork", "the child exited with 0", "after the fork"});
-    expected.push_back("Curl global cleanup"); // the child's, written before it ended
+    if (childLines > 0)
+        expected.push_back("Curl global cleanup"); // the child's, written before it ended
     std::sort(rest.begin(), rest.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expected, rest);
