@@ -4,6 +4,7 @@
 #include "logging/LogListener.h"
 #include "logging/Logger.h"
 #include "server/ServerConnection.h"
+#include "sys/Errors.h"
 #include "sys/RefCntPtr.h"
 #include "sys/Thread.h"
 
@@ -40,10 +41,11 @@ void StopWriterAtExit()
 
 // A host may fork at any time, from any thread, while other threads log: the
 // writer is held still across the fork so that the parent's log goes on as if
-// nothing happened, and a child gets a queue and a writer of its own, so that
-// it can log and start sessions like any process. Nothing here throws short
-// of running out of memory or threads; a child that cannot start a writer
-// drains its log on the thread that calls Cleanup.
+// nothing happened, and a child gets a queue of its own and, once it logs, a
+// writer of its own (Logger::RequestWriter), so that it can log and start
+// sessions like any process, while a child that only execs starts no thread.
+// Nothing here throws short of running out of memory or threads; a child
+// that cannot start a writer drains its log on the thread that calls Cleanup.
 void BeforeFork()
 {
     forkingLogger = Logger::Get();
@@ -72,11 +74,18 @@ void AfterForkInChild()
         intrusive_ptr_add_ref(loggerThread.get()); // never released then, which is all that matters
     }
     loggerThread.reset();
+    Logger::RequestWriter();
+}
+
+void StartWriterAfterFork()
+{
     try {
         RefCntPtr<Thread> writer(new Thread(RefCntPtr<Runnable>(Logger::Get())));
         writer->Start();
         loggerThread = writer;
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
     }
 }
 
@@ -93,6 +102,7 @@ void ServerAPI::Initialize()
         // without that hook.
         std::atexit(StopWriterAtExit);
         ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+        Logger::SetWriterStarter(StartWriterAfterFork);
     }
     ServerConnection::Init();
     logPath.swap(path);

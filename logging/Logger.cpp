@@ -2,6 +2,9 @@
 
 #include "logging/msec.h"
 
+#include <atomic>
+#include <mutex>
+
 namespace OrvaneInternal {
 
 namespace {
@@ -34,8 +37,38 @@ void Logger::Init(RefCntPtr<Logger> logger)
     s_instance = logger;
 }
 
+namespace {
+
+std::atomic<bool> writerRequested{false};
+void (*writerStarter)() = nullptr;
+
+void StartRequestedWriter()
+{
+    static std::mutex* const starting = new std::mutex(); // lives for the process
+    std::lock_guard<std::mutex> lock(*starting);
+    if (!writerRequested.load(std::memory_order_acquire))
+        return;                                              // another thread started it
+    writerRequested.store(false, std::memory_order_release); // the starter calls Get itself
+    if (writerStarter)
+        writerStarter();
+}
+
+} // namespace
+
+void Logger::SetWriterStarter(void (*starter)())
+{
+    writerStarter = starter;
+}
+
+void Logger::RequestWriter()
+{
+    writerRequested.store(true, std::memory_order_release);
+}
+
 RefCntPtr<Logger> Logger::Get()
 {
+    if (writerRequested.load(std::memory_order_acquire))
+        StartRequestedWriter();
     RefCntPtr<Logger> current = s_instance;
     if (current)
         return current;

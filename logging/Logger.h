@@ -41,8 +41,16 @@ class Logger : public Runnable {
     // before other threads log: the slot itself is not locked.
     static void Init(RefCntPtr<Logger> logger);
     // The installed logger, or else the one process-wide logger that discards
-    // everything; never writes the slot, so it is safe on any thread.
+    // everything; never writes the slot, so it is safe on any thread. In a
+    // forked child whose parent had a writer running, the first Get starts
+    // the child's writer (see RequestWriter).
     static RefCntPtr<Logger> Get();
+
+    // For a forked child: no thread is started in the fork handler, where a
+    // child that goes on to exec must not start one; the next Get calls
+    // `starter` (registered by start-up) once, which starts the writer.
+    static void SetWriterStarter(void (*starter)());
+    static void RequestWriter();
 
   private:
     static RefCntPtr<Logger> s_instance;

@@ -1,23 +1,19 @@
 // The second process of the log tests: starts the library (its log where ORV_SDK_LOGDIR says)
 // and logs MESSAGE; then "log" stops and ends, "exit" ends without stopping, "hold" waits a minute
-// at most to be killed, and "fork" forks while a thread of its own logs (see ForkAndLog).
+// at most to be killed, and "fork" forks while a thread of its own logs (see ForkAndLog; its third
+// argument is the number of lines the child logs).
 #include "capi/ServerAPI.h"
 #include "logging/Logger.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <thread>
 
 using OrvaneInternal::Logger;
 using OrvaneInternal::ServerAPI;
-
-// The forked child starts threads of its own, which the thread sanitizer refuses by default.
-extern "C" const char* __tsan_default_options()
-{
-    return "die_after_fork=0";
-}
 
 namespace {
 
@@ -26,10 +22,11 @@ void Log(const std::string& text)
     Logger::Get()->QueueMessage(text);
 }
 
-// Forks while a thread logs "parent thread 0..1999"; the child logs "child line 0..99", stops the
-// library and ends with _exit, as a forked child should: what it copied from the parent (lines
-// still queued there among them) is the parent's to write and free. 0 when the child exited with 0.
-int ForkAndLog()
+// Forks while a thread logs "parent thread 0..1999"; the child logs "child line 0..N-1" (none when
+// N is 0), stops the library and ends with _exit, as a forked child should: what it copied from the
+// parent (lines still queued there among them) is the parent's to write and free. 0 when the child
+// exited with 0.
+int ForkAndLog(int childLines)
 {
     std::thread busy([] {
         for (int i = 0; i < 2000; ++i)
@@ -38,9 +35,10 @@ int ForkAndLog()
     const pid_t child = fork();
     if (child == 0) {
         alarm(20); // a child that hangs still ends
-        for (int i = 0; i < 100; ++i)
+        for (int i = 0; i < childLines; ++i)
             Log("child line " + std::to_string(i));
-        ServerAPI::Cleanup();
+        if (childLines > 0)
+            ServerAPI::Cleanup();
         _exit(0);
     }
     busy.join();
@@ -59,7 +57,7 @@ int main(int argc, char** argv)
     ServerAPI::Initialize();
     Log(argc >= 3 ? argv[2] : "");
     if (mode == "fork") {
-        const int result = ForkAndLog();
+        const int result = ForkAndLog(argc >= 4 ? std::atoi(argv[3]) : 0);
         ServerAPI::Cleanup();
         return result;
     }

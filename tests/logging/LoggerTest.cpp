@@ -29,7 +29,8 @@ RefCntPtr<SimpleLogger> Open(const std::string& path)
 }
 void Drain(SimpleLogger& logger)
 {
-    logger.QueueStop(), logger.Run();
+    logger.QueueStop();
+    logger.Run();
 }
 const std::regex kHeader(R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \((\d{4,})\): )");
 // The payloads of a log's lines, each checked for its header.
@@ -63,7 +64,9 @@ Strings RunLines(long pid, const Strings& middle, bool cleanup = true)
 {
     Strings lines{"pid=" + std::to_string(pid) + "----------------------------------", "Curl global initialization"};
     lines.insert(lines.end(), middle.begin(), middle.end());
-    return cleanup ? lines.push_back("Curl global cleanup"), lines : lines;
+    if (cleanup)
+        lines.push_back("Curl global cleanup");
+    return lines;
 }
 
 class LogTest : public ::testing::Test {
@@ -81,7 +84,8 @@ class LogTest : public ::testing::Test {
     }
     TempDirectory m_dir{"orv-log"};
     int m_logDir = setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1);
-    const std::string m_base = m_dir.File("OrvaneSDKServer.log"), m_sibling = m_dir.File("OrvaneSDKServer_1.log");
+    const std::string m_base = m_dir.File("OrvaneSDKServer.log");
+    const std::string m_sibling = m_dir.File("OrvaneSDKServer_1.log");
 };
 
 } // namespace
@@ -116,9 +120,12 @@ TEST_F(LogTest, EveryLineGetsTheHeaderOfItsMessageAndItsTextAsUtf8)
         const std::string before = now();
         pid_t caller = 0;
         std::thread([&, &w = wide, &n = narrow] {
-            caller = gettid(), n.empty() ? logger->QueueMessage(w) : logger->QueueMessage(n);
+            caller = gettid();
+            n.empty() ? logger->QueueMessage(w) : logger->QueueMessage(n);
         }).join();
-        const std::string after = now(), content = (Drain(*logger), ReadFileBytes(m_base));
+        const std::string after = now();
+        Drain(*logger);
+        const std::string content = ReadFileBytes(m_base);
         EXPECT_EQ(lines, Payloads(m_base));
         std::smatch h;
         EXPECT_TRUE(lines.empty() || (std::regex_search(content, h, kHeader) && before <= h.str(1) &&
@@ -205,7 +212,8 @@ TEST_F(LogTest, LockHolderInAnotherProcessSendsTheLogToTheNextName)
     ASSERT_TRUE(WaitUntil([&] { // another process holds the lock
         const int fd = open(m_base.c_str(), O_RDONLY | O_CLOEXEC);
         const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-        return close(fd), held;
+        close(fd);
+        return held;
     }));
     const long beside = RunChild({"log", "beside the shell"});
     EXPECT_EQ(RunLines(beside, {"beside the shell"}), Payloads(m_sibling));
@@ -241,16 +249,23 @@ TEST_F(LogTest, LastLineWithoutCleanupAndTheCurrentDirectoryAsFallback)
 }
 
 // A host forks while one of its threads logs; the child logs and stops the library, the parent goes
-// on. Each process's lines reach the file once, the lines of each thread in their order.
+// on. Each process's lines reach the file once, the lines of each thread in their order. The thread
+// sanitizer cannot follow a thread started in a forked child, so there the child only ends.
 TEST_F(LogTest, ForkedChildLogsThroughAWriterOfItsOwnAndTheParentGoesOn)
 {
-    const long parent = RunChild({"fork", "before the fork"});
+#ifdef __SANITIZE_THREAD__
+    const int childLines = 0;
+#else
+    const int childLines = 100;
+#endif
+    const long parent = RunChild({"fork", "before the fork", std::to_string(childLines)});
     const Strings lines = Payloads(m_base);
-    EXPECT_EQ(Numbered("child line ", 100), Filter(lines, "child line ", true));
+    EXPECT_EQ(Numbered("child line ", childLines), Filter(lines, "child line ", true));
     EXPECT_EQ(Numbered("parent thread ", 2000), Filter(lines, "parent thread ", true));
     Strings rest = Filter(Filter(lines, "child line ", false), "parent thread ", false);
     Strings expected = RunLines(parent, {"before the fork", "the child exited with 0", "after the fork"});
-    expected.push_back("Curl global cleanup"); // the child's, written before it ended
+    if (childLines > 0)
+        expected.push_back("Curl global cleanup"); // the child's, written before it ended
     std::sort(rest.begin(), rest.end());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(expected, rest);
