@@ -18,7 +18,7 @@ import unittest
 import urllib.request
 
 BUILD = REFERENCE_SERVER = None
-METER = r"\r{}  +\d+%  [\d.]+ \w*B / [\d.]+ \w*B  [\d.]+ \w*B/s  ETA \d+:\d\d"
+METER = r"\r{}  +\d+%  [\d.]+ \w*B / {}  [\d.]+ \w*B/s  ETA \d+:\d\d"
 
 
 class OrvanePublishTest(unittest.TestCase):
@@ -53,10 +53,11 @@ class OrvanePublishTest(unittest.TestCase):
             f.write(os.urandom(1000)) if size is None else f.truncate(size)
         return path
 
-    def run_tool(self, *args, password="demo-password", stdin=None):
-        env = dict(self.env, **({"ORVANE_PASSWORD": password} if password else {}))
-        return subprocess.run([self.tool, *args], env=env, input=stdin, capture_output=True, text=True,
-                              stdin=None if stdin else subprocess.DEVNULL, timeout=60, start_new_session=True)
+    def run_tool(self, *args, password="demo-password", stdin=None, env=None, cwd=None, user=()):
+        env = dict(env or self.env, **({"ORVANE_PASSWORD": password} if password else {}))
+        return subprocess.run([*user, self.tool, *args], env=env, input=stdin, capture_output=True, text=True,
+                              stdin=None if stdin else subprocess.DEVNULL, timeout=60, start_new_session=True,
+                              cwd=cwd)
 
     def spawn(self, args, stderr):
         proc = subprocess.Popen([self.tool, "-u", "demo", "-p", "Samples", *args], stdin=subprocess.DEVNULL,
@@ -85,18 +86,27 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertEqual(0, result.returncode, result.stderr)
         for text in ("--connect-timeout S", "--password-stdin", "--json", "Exit status:", "  6    timed out", "143"):
             self.assertIn(text, result.stdout)
-        self.assertRegex(self.run_tool("-V").stdout, r"^orvane-publish \d+\.\d+\.\d+ \(libOrvaneServer 1\.1\.\d+\)\n$")
+        self.assertRegex(self.run_tool("-V").stdout, r"^orvane-publish \d+\.\d+\.\d+ \(libOrvaneServer \d+\.\d+\.\d+\)\n$")
         self.assertTrue(os.path.isfile(os.path.join(os.path.dirname(self.tool), "../share/man/man1/orvane-publish.1")))
         good = self.extract("good.qrx")
-        for args, complaint in ((["--password=pw", good], "passwords are not taken from the command line"),
-                                (["-j0", good], "--jobs takes a number from 1 to 64"),
-                                (["-x", good], "unknown option -x"),
-                                ([self.dir], f"{self.dir}: is a directory"),
-                                ([good, good[:-3] + "QRX"], "QRX: No such file")):
+        os.makedirs(os.path.join(self.dir, "again"), exist_ok=True)
+        twin = self.extract(os.path.join("again", "good.qrx"))
+        for args, error, complaint in (
+                (["--password=pw", good], "Usage", "passwords are not taken from the command line"),
+                (["-j0", good], "Usage", "--jobs takes a number from 1 to 64"),
+                (["-x", good], "Usage", "unknown option -x"),
+                (["-s", "ftp://127.0.0.1/", good], "Usage", "--server takes an http:// or https:// URL"),
+                ([self.dir], "ExtractUnusable", f"{self.dir}: is a directory"),
+                ([good, good[:-3] + "QRX"], "ExtractUnusable", "QRX: No such file"),
+                ([good, twin], "Usage", f'{twin}: would be published as "good" like {good}; give each file its own'),
+                (["-n", "one", good, twin], "Usage", "1 --name for 2 files")):
             with self.subTest(args=args):
-                result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Samples", *args)
+                result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Samples", "--json", *args)
                 self.assertEqual(2, result.returncode, result.stderr)
                 self.assertIn(complaint, result.stderr)
+                summary = json.loads(result.stdout)
+                self.assertEqual((1, "usage-error", 2, error), (summary["format"], summary["result"],
+                                                                summary["exit_code"], summary["error"]))
         self.assertNotIn("good", self.stored())
 
     def test_pipes_json_matches_what_the_server_stored(self):
@@ -123,52 +133,91 @@ class OrvanePublishTest(unittest.TestCase):
 
     def test_exit_status_from_each_situation(self):
         (_, silent_url), (_, closed_url) = self.loopback_socket(True), self.loopback_socket(False)
-        good = self.extract("situations.qrx")
+        # Control characters in a file name reach the terminal escaped.
+        good = self.extract("situations\x1b]0;x\x07\n.qrx")
+        shown = good.replace("\x1b", "\\u001b").replace("\x07", "\\u0007").replace("\n", "\\n")
         log = os.path.join(self.dir, "OrvaneSDKServer.log")
         for server, args, password, status, texts in (
                 (self.url, [], "wrong", 3,
                  ["sign-in refused (HTTP 401): Signin Error: Wrong user name, password or site."]),
                 (self.url, ["--site", "nowhere"], "demo-password", 3, ["Check the user name, the password and --site"]),
                 (self.url, ["-p", "Nowhere", "-v"], "demo-password", 4,
-                 ['Project "Nowhere" doesn\'t exist on server', f"the library's log: {log}"]),
+                 [f'{shown}: Project "Nowhere" doesn\'t exist on server', f"the library's log: {log}"]),
                 (silent_url, ["--stall-timeout", "1"], "demo-password", 6, ["timed out"]),
                 (closed_url, ["--retry", "2"], "demo-password", 5,
                  ["Couldn't connect to server", "(retry 1 of 2)", "(retry 2 of 2)"]),
                 (self.url, ["--dry-run", "-n", "dry"], "demo-password", 0, []),
                 (self.url, ["--password-stdin", "-n", "via-stdin"], None, 0, [])):
             with self.subTest(server=server, args=args):
-                result = self.run_tool("-s", server, "-u", "demo", "-p", "Samples", *args, good, password=password,
-                                       stdin=None if password else "demo-password\n")
+                result = self.run_tool("-s", server, "-u", "demo", "-p", "Samples", "--json", *args, good,
+                                       password=password, stdin=None if password else "demo-password\n")
                 self.assertEqual(status, result.returncode, result.stdout + result.stderr)
+                self.assertEqual(status, json.loads(result.stdout)["exit_code"])
+                self.assertNotIn("\x1b", result.stderr)
                 for text in texts:
                     self.assertIn(text, result.stderr)
-        self.assertEqual({"via-stdin"}, {"via-stdin", "dry", "situations"} & set(self.stored()))
+        self.assertEqual({"via-stdin"}, {"via-stdin", "dry"} & set(self.stored()))
+
+    def test_log_lands_with_the_users_state_never_in_the_working_directory(self):
+        os.chmod(self.dir, 0o755)  # for user nobody
+        tmp = os.path.join(self.dir, "tmp")
+        os.makedirs(tmp, exist_ok=True)
+        os.chmod(tmp, 0o1777)
+        home, state = os.path.join(self.dir, "home"), os.path.join(self.dir, "state")
+        os.makedirs(home, exist_ok=True)
+        base = {k: v for k, v in self.env.items() if k not in ("ORV_SDK_LOGDIR", "XDG_STATE_HOME")}
+        base.update(TMPDIR=tmp, HOME="/nonexistent")
+        nobody = ("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups")
+        extract = self.extract("placed.qrx")
+        root_before = set(os.listdir("/"))
+        for name, env, user, log_dir, mode in (
+                ("logdir", {"ORV_SDK_LOGDIR": self.dir}, (), self.dir, 0o755),
+                ("xdg", {"XDG_STATE_HOME": state}, (), os.path.join(state, "orvane"), 0o700),
+                ("home", {"HOME": home}, (), os.path.join(home, ".local", "state", "orvane"), 0o700),
+                ("nobody", {}, nobody, os.path.join(tmp, "orvane-publish-65534"), 0o700)):
+            with self.subTest(name):
+                result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Samples", "-v", "-o", "-n", "placed-" + name,
+                                       extract, env=dict(base, **env), cwd="/", user=user)
+                self.assertEqual(0, result.returncode, result.stderr)
+                log = os.path.join(log_dir, "OrvaneSDKServer.log")
+                self.assertIn(f"the library's log: {log}\n", result.stderr)
+                with open(log) as f:
+                    self.assertIn("placed-" + name, f.read())
+                self.assertEqual(mode, os.stat(log_dir).st_mode & 0o777)
+        self.assertEqual(root_before, set(os.listdir("/")))
+        self.assertLessEqual({"placed-xdg", "placed-nobody"}, set(self.stored()))
 
     def test_terminal_meter_then_sigint_cancels_and_summarizes(self):
-        first, big = self.extract("tty-first.qrx"), self.extract("tty-big.qrx", 1 << 30)
+        # With -j2 the first file is done before the second worker's; the meter covers the whole batch.
+        names = ["tty-first", "tty-big1", "tty-big2", "tty-big3"]
+        files = [self.extract(names[0] + ".qrx")] + [self.extract(name + ".qrx", 1 << 30) for name in names[1:]]
         master, slave = os.openpty()
         self.addCleanup(os.close, master)
-        proc = self.spawn(["-s", self.url, "--json", first, big], stderr=slave)
+        proc = self.spawn(["-s", self.url, "--json", "-j2", *files], stderr=slave)
         os.close(slave)
-        terminal = self.read_terminal(master, METER.format(r"tty-big\.qrx"))
+        terminal = self.read_terminal(master, METER.format("2 running, 1 of 4 files", r"3\.0 GiB"))
         proc.send_signal(signal.SIGINT)
-        terminal += self.read_terminal(master, "orvane-publish: interrupted: 1 of 2 files published, 1 cancelled, "
-                                       "0 not started")
+        terminal += self.read_terminal(master, "orvane-publish: interrupted: 1 of 4 files published, 2 cancelled, "
+                                       "1 not started")
         stdout, _ = proc.communicate(timeout=30)
         self.assertEqual(130, proc.returncode, terminal)
         summary = json.loads(stdout)
         self.assertEqual(("interrupted", 130), (summary["result"], summary["exit_code"]))
-        self.assertEqual(["published", "interrupted"], [entry["result"] for entry in summary["files"]])
-        self.assertEqual({"tty-first"}, {"tty-first", "tty-big"} & set(self.stored()))
+        self.assertEqual(["published", "interrupted", "interrupted", "not-started"],
+                         [entry["result"] for entry in summary["files"]])
+        self.assertEqual({"tty-first"}, set(names) & set(self.stored()))
 
     def test_sigterm_stops_a_call_that_waits_on_a_silent_server(self):
         silent, url = self.loopback_socket(True)
         silent.settimeout(30)
-        proc = self.spawn(["-s", url, "--stall-timeout=0", self.extract("term.qrx")], stderr=subprocess.PIPE)
+        proc = self.spawn(["-s", url, "--json", "--stall-timeout=0", self.extract("term.qrx")], stderr=subprocess.PIPE)
         self.addCleanup(silent.accept()[0].close)  # the sign-in is under way, and will never be answered
+        with open(f"/proc/{proc.pid}/environ", "rb") as f:
+            self.assertNotIn(b"demo-password", f.read())  # read once, then gone from the process
         proc.send_signal(signal.SIGTERM)
-        _, stderr = proc.communicate(timeout=30)
+        stdout, stderr = proc.communicate(timeout=30)
         self.assertEqual(143, proc.returncode, stderr)
+        self.assertEqual(143, json.loads(stdout)["exit_code"])
         self.assertIn("orvane-publish: interrupted: 0 of 1 file published, 0 cancelled, 1 not started", stderr)
 
     def read_terminal(self, master, pattern):

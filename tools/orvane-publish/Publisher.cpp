@@ -57,6 +57,10 @@ const char* KindName(Kind kind)
         return "published";
     case Kind::Checked:
         return "checked";
+    case Kind::Unusable:
+        return "unusable";
+    case Kind::Uncertain:
+        return "uncertain";
     case Kind::SignInRefused:
         return "sign-in-refused";
     case Kind::Refused:
@@ -80,6 +84,10 @@ int ExitCodeOf(Kind kind)
     case Kind::Published:
     case Kind::Checked:
         return kExitPublished;
+    case Kind::Unusable:
+        return kExitUsage;
+    case Kind::Uncertain:
+        return kExitUncertain;
     case Kind::SignInRefused:
         return kExitSignIn;
     case Kind::Refused:
@@ -194,7 +202,7 @@ Outcome Session::Classify(int code, bool signIn)
         out.kind = Kind::Published;
         return out;
     }
-    out.error = LastError();
+    out.libraryText = LastError();
     const wchar_t* reason = nullptr;
     if (m_handle != nullptr && OrvServerConnectionGetServerReason(m_handle, &reason) == ORV_RESULT_Success)
         out.reason = Narrow(reason);
@@ -210,17 +218,17 @@ Outcome Session::Classify(int code, bool signIn)
         out.message =
             Printf("timed out (--connect-timeout %ld s, --stall-timeout %ld s; 0 for no limit): ", o.connectTimeout,
                    o.stallTimeout) +
-            out.error;
+            out.libraryText;
         return out;
     case ORV_SERVER_NetworkFailure:
         out.kind = Kind::Network;
-        out.transient = TransientNetworkText(out.error);
-        out.message = WithHint("cannot reach the server: " + out.error, NetworkHint(out.error, o));
+        out.transient = TransientNetworkText(out.libraryText);
+        out.message = WithHint("cannot reach the server: " + out.libraryText, NetworkHint(out.libraryText, o));
         return out;
     case ORV_SERVER_InvalidPublishInput:
         // Files were checked before signing in: this is the project lookup.
-        out.kind = out.error.rfind("Project ", 0) == 0 ? Kind::Refused : Kind::Other;
-        out.message = WithHint(out.error, out.kind == Kind::Refused ? "Project names are case-sensitive" : "");
+        out.kind = out.libraryText.rfind("Project ", 0) == 0 ? Kind::Refused : Kind::Other;
+        out.message = WithHint(out.libraryText, out.kind == Kind::Refused ? "Project names are case-sensitive" : "");
         return out;
     case ORV_SERVER_ServerResponseError:
         if (s >= 500) {
@@ -255,7 +263,7 @@ Outcome Session::Classify(int code, bool signIn)
         break;
     }
     out.kind = Kind::Other;
-    out.message = Printf("failed (code %d): ", code) + out.error;
+    out.message = Printf("failed (code %d): ", code) + out.libraryText;
     return out;
 }
 

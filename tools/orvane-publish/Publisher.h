@@ -15,20 +15,34 @@
 
 namespace orvpub {
 
-enum class Kind { NotStarted, Published, Checked, SignInRefused, Refused, Network, TimedOut, Interrupted, Other };
+enum class Kind {
+    NotStarted,
+    Published,
+    Checked,
+    Unusable, // refused by the tool's own checks before anything was sent
+    SignInRefused,
+    Refused,
+    Network,
+    TimedOut,
+    Uncertain, // the answer to a whole upload was lost: it may have landed
+    Interrupted,
+    Other
+};
 
 const char* KindName(Kind kind); // the "result" of --json
 int ExitCodeOf(Kind kind);       // kExitInterrupted for Interrupted (the signal is added later)
 
 struct Outcome {
     Kind kind = Kind::NotStarted;
-    int code = 0;        // the library's result code
-    long status = 0;     // the HTTP status of the last reply
-    std::string error;   // the library's last-error text
-    std::string reason;  // the server's own reason for a refusal
-    std::string message; // what to tell a person
+    int code = 0;            // the library's result code
+    long status = 0;         // the HTTP status of the last reply
+    std::string error;       // the failure kind's name ("" when none)
+    std::string libraryText; // the library's last-error text
+    std::string reason;      // the server's own reason for a refusal
+    std::string message;     // what to tell a person
     bool transient = false;
     int attempts = 0;
+    int uploads = 0; // bodies sent whole
     double seconds = 0;
 };
 

@@ -9,6 +9,7 @@
 #include "Options.h"
 #include "Publisher.h"
 #include "Report.h"
+#include "Startup.h"
 #include "Text.h"
 
 #include <orvane/OrvaneServerExt.h>
@@ -20,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <memory>
 #include <poll.h>
 #include <set>
@@ -96,8 +98,12 @@ bool Secret(const char* variable, const std::string& prompt, bool fromStdin, std
         value = Chomp(line);
         return true;
     }
-    if (const char* fromEnv = std::getenv(variable)) {
+    if (char* fromEnv = std::getenv(variable)) {
         value = fromEnv;
+        // Gone from the environment and from the process's memory, where
+        // /proc/PID/environ would show it to anyone who may read that.
+        std::memset(fromEnv, 0, value.size());
+        unsetenv(variable);
         return true;
     }
     const int tty = open("/dev/tty", O_RDWR | O_CLOEXEC);
@@ -135,51 +141,59 @@ std::string Stem(const std::string& path)
     return dot != std::string::npos && dot > 0 ? name.erase(dot) : name;
 }
 
-// Checks every file before anything is sent; false after saying why.
+// Why the file cannot be published, "" when it can.
+std::string Unusable(const std::string& file, struct stat& st)
+{
+    if (stat(file.c_str(), &st) != 0)
+        return std::strerror(errno);
+    if (S_ISDIR(st.st_mode))
+        return "is a directory; name the .qrx files in it";
+    if (file.size() < 4 || file.compare(file.size() - 4, 4, ".qrx") != 0)
+        return "is not a .qrx file (the extension is lower-case .qrx)";
+    if (!S_ISREG(st.st_mode) || access(file.c_str(), R_OK) != 0)
+        return "cannot be read";
+    return "";
+}
+
+// Checks every file before anything is sent; false after saying why. An
+// unusable file stays in the run with its reason, for --json.
 bool CheckFiles(const Options& o, std::vector<Job>& jobs)
 {
     bool usable = true;
     std::set<std::pair<dev_t, ino_t>> seen;
-    for (const std::string& file : o.files) {
-        struct stat st {};
-        std::string problem;
-        if (stat(file.c_str(), &st) != 0)
-            problem = std::strerror(errno);
-        else if (S_ISDIR(st.st_mode))
-            problem = "is a directory; name the .qrx files in it";
-        else if (file.size() < 4 || file.compare(file.size() - 4, 4, ".qrx") != 0)
-            problem = "is not a .qrx file (the extension is lower-case .qrx)";
-        else if (!S_ISREG(st.st_mode) || access(file.c_str(), R_OK) != 0)
-            problem = "cannot be read";
-        if (!problem.empty()) {
-            std::fprintf(stderr, "orvane-publish: %s: %s\n", file.c_str(), problem.c_str());
-            usable = false;
-            continue;
-        }
-        if (!seen.insert({st.st_dev, st.st_ino}).second) {
-            std::fprintf(stderr, "orvane-publish: warning: %s given more than once; published once\n", file.c_str());
-            continue;
-        }
+    std::map<std::string, std::string> byName; // data source name -> the file published as it
+    for (size_t i = 0; i < o.files.size(); ++i) {
         Job job;
-        job.path = file;
-        job.name = o.name.empty() ? Stem(file) : o.name;
+        job.path = o.files[i];
+        job.name = o.names.empty() ? Stem(job.path) : o.names[i];
+        struct stat st {};
+        std::string problem = Unusable(job.path, st);
+        job.outcome.error = "ExtractUnusable";
+        if (problem.empty() && !seen.insert({st.st_dev, st.st_ino}).second) {
+            std::fprintf(stderr, "orvane-publish: warning: %s given more than once; published once\n",
+                         Printable(job.path).c_str());
+            continue;
+        }
+        if (problem.empty() && (!ToUtf16(job.path, job.path16) || !ToUtf16(job.name, job.name16)))
+            problem = "is not UTF-8 text";
+        if (problem.empty() && !byName.emplace(job.name, job.path).second) {
+            // Published one after the other, the second would replace the first.
+            problem = "would be published as \"" + job.name + "\" like " + byName[job.name] +
+                      "; give each file its own --name";
+            job.outcome.error = "Usage";
+        }
         job.bytes = static_cast<uint64_t>(st.st_size);
-        if (!ToUtf16(file, job.path16) || !ToUtf16(job.name, job.name16))
-            return Usage("not UTF-8 text: " + file), false;
+        if (!problem.empty()) {
+            std::fprintf(stderr, "orvane-publish: %s: %s\n", Printable(job.path).c_str(), Printable(problem).c_str());
+            job.outcome.kind = Kind::Unusable;
+            job.outcome.message = problem;
+            usable = false;
+        } else {
+            job.outcome.error.clear();
+        }
         jobs.push_back(std::move(job));
     }
     return usable;
-}
-
-std::string LogPath()
-{
-    const char* dir = std::getenv("ORV_SDK_LOGDIR");
-    std::string path = dir != nullptr && *dir ? dir : "";
-    if (path.empty()) {
-        char cwd[4096];
-        path = getcwd(cwd, sizeof cwd) != nullptr ? cwd : ".";
-    }
-    return path + "/OrvaneSDKServer.log";
 }
 
 // Publishes files until none is left or a signal came; one session per worker.
@@ -190,7 +204,8 @@ void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancel
     for (size_t i; !cancels.Interrupted() && (i = next++) < run.jobs.size();) {
         Job& job = run.jobs[i];
         const size_t slash = job.path.find_last_of('/');
-        transfer.label = slash == std::string::npos ? job.path : job.path.substr(slash + 1);
+        transfer.label = Printable(slash == std::string::npos ? job.path : job.path.substr(slash + 1));
+        transfer.bytes = job.bytes;
         console.Start(transfer);
         job.outcome = session.Publish(job.path, job.path16, job.name16, transfer);
         console.Finish(transfer);
@@ -204,7 +219,7 @@ void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancel
         }
         if (o.verbose && out.kind != Kind::Published)
             console.Err(Printf("%s: library result %d, HTTP status %ld, %d attempt(s): %s", job.path.c_str(), out.code,
-                               out.status, out.attempts, out.error.c_str()));
+                               out.status, out.attempts, out.libraryText.c_str()));
     }
 }
 
@@ -218,8 +233,16 @@ int main(int argc, char** argv)
         return parsed;
     Run run;
     run.options = &o;
-    if (!CheckFiles(o, run.jobs))
-        return kExitUsage;
+    // The tool's own exit status tells a lost write, not a signal.
+    std::signal(SIGPIPE, SIG_IGN);
+    uint64_t bytes = 0;
+    const bool usable = CheckFiles(o, run.jobs);
+    for (const Job& job : run.jobs)
+        bytes += job.bytes;
+    // The meter only for a person watching; with several jobs one line for the batch.
+    Console console(!o.quiet && isatty(STDERR_FILENO), o.jobs > 1, !o.quiet && !o.json, run.jobs.size(), bytes);
+    if (!usable)
+        return Summarize(run, console);
     if (!InstallSignals())
         return std::perror("orvane-publish: signals"), kExitOther;
 
@@ -236,14 +259,17 @@ int main(int argc, char** argv)
         !ToUtf16(proxyPassword, settings.proxyPassword))
         return Usage("arguments and passwords must be UTF-8 text");
 
-    // The meter only for a person watching; with several jobs one combined line.
-    Console console(!o.quiet && isatty(STDERR_FILENO), o.jobs > 1, !o.quiet && !o.json, run.jobs.size());
-    if (o.verbose)
-        console.Err("the library's log: " + LogPath());
-    if (OrvServerAPIInitialize() != ORV_RESULT_Success) {
-        console.Err("library start-up failed: " + Narrow(OrvGetLastErrorMessage()));
-        return kExitOther;
+    const Started started = StartLibrary();
+    for (const std::string& warning : started.warnings)
+        console.Err("warning: " + warning);
+    run.logPath = started.logPath;
+    if (!started.ok) {
+        run.startUpFailure = "library start-up failed: " + started.failure;
+        console.Err(run.startUpFailure);
+        return Summarize(run, console);
     }
+    if (o.verbose)
+        console.Err("the library's log: " + (run.logPath.empty() ? "none" : run.logPath));
     Cancels cancels; // a signal that came before the monitor starts waits in the pipe
     std::thread monitor(Monitor, std::ref(console), std::ref(cancels));
     const auto start = std::chrono::steady_clock::now();
@@ -258,7 +284,7 @@ int main(int argc, char** argv)
                 console.Err("sign-in: " + run.signIn.message);
             if (o.verbose)
                 console.Err(Printf("sign-in: library result %d, HTTP status %ld: %s", run.signIn.code,
-                                   run.signIn.status, run.signIn.error.c_str()));
+                                   run.signIn.status, run.signIn.libraryText.c_str()));
         } else if (o.dryRun) {
             const Outcome checked = first.FindProject();
             for (Job& job : run.jobs)
@@ -289,6 +315,5 @@ int main(int argc, char** argv)
     monitor.join();
     OrvServerAPICleanup();
     run.signal = g_signal;
-    Summarize(run, console);
-    return ExitStatus(run);
+    return Summarize(run, console);
 }
