@@ -18,7 +18,24 @@ import unittest
 import urllib.request
 
 BUILD = REFERENCE_SERVER = None
+SCRIPTED_SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "http_test_server.py")
+SIGN_IN = {"path": "/api/2.0/auth/signin", "method": "POST", "responses": [{"status": 200, "body": (
+    '<qsResponse><credentials token="T0K3N"><site id="S1" contentUrl=""/><user id="U"/></credentials></qsResponse>')}]}
+PROJECTS = {"path": "/api/2.0/sites/S1/projects", "method": "GET", "responses": [{"status": 200, "body": (
+    '<qsResponse><pagination pageNumber="1" pageSize="100" totalAvailable="1"/>'
+    '<projects><project name="Sales" id="P1"/></projects></qsResponse>')}]}
+UPLOAD_PATH = "/api/2.0/sites/S1/datasources"
+STORED = {"status": 201, "body": '<qsResponse><datasource name="d"><project id="P1"/></datasource></qsResponse>'}
 METER = r"\r{}  +\d+%  [\d.]+ \w*B / {}  [\d.]+ \w*B/s  ETA \d+:\d\d"
+
+
+def wait_for_port(server, port_file):
+    """The URL of `server` once it has written its port to `port_file`, within 20 s."""
+    deadline = time.monotonic() + 20
+    while not os.path.exists(port_file) and server.poll() is None and time.monotonic() < deadline:
+        time.sleep(0.05)
+    with open(port_file) as f:
+        return "http://127.0.0.1:" + f.read().strip()
 
 
 class OrvanePublishTest(unittest.TestCase):
@@ -36,11 +53,7 @@ class OrvanePublishTest(unittest.TestCase):
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         cls.addClassCleanup(cls.server.wait, 10)
         cls.addClassCleanup(cls.server.terminate)
-        deadline = time.monotonic() + 20
-        while not os.path.exists(port_file) and cls.server.poll() is None and time.monotonic() < deadline:
-            time.sleep(0.05)
-        with open(port_file) as f:
-            cls.url = "http://127.0.0.1:" + f.read().strip()
+        cls.url = wait_for_port(cls.server, port_file)
         # The installed binary must find the installed library by itself.
         cls.env = {k: v for k, v in os.environ.items() if k.lower() not in (
             "http_proxy", "https_proxy", "all_proxy", "orvane_password", "ld_library_path")}
@@ -75,6 +88,27 @@ class OrvanePublishTest(unittest.TestCase):
         if listen:
             sock.listen(8)
         return sock, f"http://127.0.0.1:{sock.getsockname()[1]}"
+
+    def scripted(self, *routes):
+        """The scripted test server answering `routes` in turn; its URL and the folder where it records requests."""
+        folder = tempfile.mkdtemp(dir=self.dir)
+        with open(os.path.join(folder, "script.json"), "w") as f:
+            json.dump(list(routes), f)
+        server = subprocess.Popen([sys.executable, SCRIPTED_SERVER, folder, "", "0"], stdout=subprocess.DEVNULL,
+                                  stderr=subprocess.DEVNULL)
+        self.addCleanup(server.wait, 10)
+        self.addCleanup(server.terminate)
+        return wait_for_port(server, os.path.join(folder, "port")), folder
+
+    def requests(self, folder):
+        """Method and path (without the query) of each request the scripted server recorded in `folder`."""
+        lines = []
+        for name in os.listdir(folder):
+            if name.endswith(".head"):
+                with open(os.path.join(folder, name)) as f:
+                    method, target = f.readline().split()[:2]
+                lines.append(method + " " + target.split("?")[0])
+        return lines
 
     def stored(self):
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -131,28 +165,61 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertIn('already exists in project "Samples"', entry["reason"])
         self.assertIn(entry["reason"] + " Use --overwrite to replace it.", result.stderr)
 
+        # A missing project is told once, whichever of the two sessions met it first.
+        result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Nowhere", "-j2", "--json", big, small)
+        self.assertEqual(4, result.returncode, result.stderr)
+        self.assertEqual(1, result.stderr.count('Project "Nowhere" doesn\'t exist'), result.stderr)
+        self.assertEqual(["ProjectNotFound"] * 2, [entry["error"] for entry in json.loads(result.stdout)["files"]])
+
+    def test_a_lost_answer_to_a_whole_upload_is_never_told_as_a_failure(self):
+        extract = self.extract("lost.qrx")
+        for name, answers, args, status, result_name, texts in (
+                ("502, no retry", [{"status": 502}], [], 7, "uncertain", ["may or may not be published"]),
+                ("502, then a conflict", [{"status": 502}, {"status": 409}], ["--retry", "1"], 7, "uncertain",
+                 ["sending it again in 1 s (retry 1 of 1)", "the next attempt failed"]),
+                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0, "published",
+                 ["sending it again in 1 s (retry 1 of 1)"])):
+            with self.subTest(name):
+                url, folder = self.scripted(SIGN_IN, PROJECTS, {"path": UPLOAD_PATH, "method": "POST",
+                                                                "responses": answers})
+                result = self.run_tool("-s", url, "-u", "demo", "-p", "Sales", "-q", "--json", *args, extract)
+                self.assertEqual(status, result.returncode, result.stderr)
+                entry = json.loads(result.stdout)["files"][0]
+                self.assertEqual((result_name, len(answers)), (entry["result"], entry["uploads"]))
+                for text in texts:
+                    self.assertIn(text, result.stderr)
+                self.assertEqual(len(answers), self.requests(folder).count("POST " + UPLOAD_PATH))
+
     def test_exit_status_from_each_situation(self):
         (_, silent_url), (_, closed_url) = self.loopback_socket(True), self.loopback_socket(False)
         # Control characters in a file name reach the terminal escaped.
         good = self.extract("situations\x1b]0;x\x07\n.qrx")
         shown = good.replace("\x1b", "\\u001b").replace("\x07", "\\u0007").replace("\n", "\\n")
         log = os.path.join(self.dir, "OrvaneSDKServer.log")
-        for server, args, password, status, texts in (
-                (self.url, [], "wrong", 3,
+        unreadable, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 200, "body": "no XML"}]))
+        tls_to_plain = self.url.replace("http://", "https://")
+        for server, args, password, status, error, texts in (
+                (self.url, [], "wrong", 3, "SignInRefused",
                  ["sign-in refused (HTTP 401): Signin Error: Wrong user name, password or site."]),
-                (self.url, ["--site", "nowhere"], "demo-password", 3, ["Check the user name, the password and --site"]),
-                (self.url, ["-p", "Nowhere", "-v"], "demo-password", 4,
-                 [f'{shown}: Project "Nowhere" doesn\'t exist on server', f"the library's log: {log}"]),
-                (silent_url, ["--stall-timeout", "1"], "demo-password", 6, ["timed out"]),
-                (closed_url, ["--retry", "2"], "demo-password", 5,
+                (self.url, ["--site", "nowhere"], "demo-password", 3, "SignInRefused",
+                 ["Check the user name, the password and --site"]),
+                (self.url, ["-p", "Nowhere", "-v"], "demo-password", 4, "ProjectNotFound",
+                 ['Project "Nowhere" doesn\'t exist on server', f"{shown}: library result 303",
+                  f"the library's log: {log}"]),
+                (unreadable, [], "demo-password", 1, "ReplyUnreadable", ["is not one a publishing server sends"]),
+                (silent_url, ["--stall-timeout", "1"], "demo-password", 6, "StallTimeout",
+                 ["timed out: nothing moved for 1 s (--stall-timeout)"]),
+                (closed_url, ["--retry", "2"], "demo-password", 5, "Connect",
                  ["Couldn't connect to server", "(retry 1 of 2)", "(retry 2 of 2)"]),
-                (self.url, ["--dry-run", "-n", "dry"], "demo-password", 0, []),
-                (self.url, ["--password-stdin", "-n", "via-stdin"], None, 0, [])):
+                (tls_to_plain, [], "demo-password", 5, "Tls", ["if it serves plain HTTP on this port, use an http://"]),
+                (self.url, ["--dry-run", "-n", "dry"], "demo-password", 0, None, []),
+                (self.url, ["--password-stdin", "-n", "via-stdin"], None, 0, None, [])):
             with self.subTest(server=server, args=args):
                 result = self.run_tool("-s", server, "-u", "demo", "-p", "Samples", "--json", *args, good,
                                        password=password, stdin=None if password else "demo-password\n")
                 self.assertEqual(status, result.returncode, result.stdout + result.stderr)
-                self.assertEqual(status, json.loads(result.stdout)["exit_code"])
+                summary = json.loads(result.stdout)
+                self.assertEqual((status, error), (summary["exit_code"], summary["error"]))
                 self.assertNotIn("\x1b", result.stderr)
                 for text in texts:
                     self.assertIn(text, result.stderr)
@@ -163,7 +230,8 @@ class OrvanePublishTest(unittest.TestCase):
         tmp = os.path.join(self.dir, "tmp")
         os.makedirs(tmp, exist_ok=True)
         os.chmod(tmp, 0o1777)
-        home, state = os.path.join(self.dir, "home"), os.path.join(self.dir, "state")
+        home = os.path.join(self.dir, "home")
+        state = os.path.join(self.dir, "state")
         os.makedirs(home, exist_ok=True)
         base = {k: v for k, v in self.env.items() if k not in ("ORV_SDK_LOGDIR", "XDG_STATE_HOME")}
         base.update(TMPDIR=tmp, HOME="/nonexistent")

@@ -13,31 +13,45 @@ std::string LastError()
     return Narrow(OrvGetLastErrorMessage());
 }
 
-// libcurl's texts for the failures that may pass if tried again: refused,
-// reset, cut or timed-out connections. Certificates, names and redirect
-// limits fail the same way every time.
-bool TransientNetworkText(const std::string& text)
+// libcurl's code for a TLS handshake that failed before any certificate was
+// seen, as against a server that speaks plain HTTP on the port.
+const long kHandshakeFailed = 35;
+
+std::string NetworkHint(const Outcome& out, const Options& o)
 {
-    static const char* const kTransient[] = {"Couldn't connect",
-                                             "Failure when receiving",
-                                             "Failed sending",
-                                             "Server returned nothing",
-                                             "Timeout was reached",
-                                             "refused",
-                                             "reset"};
-    return std::any_of(std::begin(kTransient), std::end(kTransient),
-                       [&](const char* piece) { return text.find(piece) != std::string::npos; });
+    switch (out.failure) {
+    case ORV_FAILURE_Tls:
+        if (out.transportCode == kHandshakeFailed)
+            return "The server did not complete a TLS handshake; if it serves plain HTTP on this port, use an "
+                   "http:// URL";
+        return o.cacert.empty() ? "A server with a private CA needs --cacert FILE" : "Check --cacert " + o.cacert;
+    case ORV_FAILURE_TooManyRedirects:
+        return Printf("At most %ld are followed (--max-redirects)", o.maxRedirects);
+    case ORV_FAILURE_RedirectRefused:
+        return "Redirects to another server are not followed unless --redirects allows them";
+    case ORV_FAILURE_Resolve:
+    case ORV_FAILURE_Connect:
+        return "Check --server " + o.server;
+    case ORV_FAILURE_Proxy:
+        return "Check the proxy (http_proxy, https_proxy, no_proxy) and --proxy-user";
+    default:
+        return "";
+    }
 }
 
-std::string NetworkHint(const std::string& text, const Options& o)
+// The limit that fired, as the option that sets it.
+std::string TimeOut(ORV_FAILURE failure, const Options& o)
 {
-    if (text.find("SSL") != std::string::npos || text.find("certificate") != std::string::npos)
-        return o.cacert.empty() ? "A server with a private CA needs --cacert FILE" : "Check --cacert " + o.cacert;
-    if (text.find("redirects") != std::string::npos)
-        return Printf("At most %ld are followed (--max-redirects)", o.maxRedirects);
-    if (text.find("resolve") != std::string::npos || text.find("Couldn't connect") != std::string::npos)
-        return "Check --server " + o.server;
-    return "";
+    switch (failure) {
+    case ORV_FAILURE_ConnectTimeout:
+        return Printf("timed out: no connection within %ld s (--connect-timeout)", o.connectTimeout);
+    case ORV_FAILURE_StallTimeout:
+        return Printf("timed out: nothing moved for %ld s (--stall-timeout)", o.stallTimeout);
+    case ORV_FAILURE_ReplyTimeout:
+        return Printf("timed out: no answer %ld s after the whole file was sent (--reply-timeout)", o.replyTimeout);
+    default:
+        return Printf("timed out: the request took more than %ld s (--max-time)", o.maxTime);
+    }
 }
 
 // "(HTTP 409): Resource Conflict: A data source named ..." or "(HTTP 409)".
@@ -164,6 +178,8 @@ Session::Session(const Settings& settings, Cancels& cancels, Console& console)
         rc = OrvServerConnectionSetStallTimeout(m_handle, o.stallTimeout);
     if (rc == ORV_RESULT_Success) // the library counts a negative limit as none
         rc = OrvServerConnectionSetMaxRedirects(m_handle, o.maxRedirects == 0 ? -1 : o.maxRedirects);
+    if (rc == ORV_RESULT_Success)
+        rc = OrvServerConnectionSetMaxReplySize(m_handle, kMaxReplyBytes);
     if (rc == ORV_RESULT_Success && !o.cacert.empty())
         rc = OrvServerConnectionSetCACertificates(m_handle, settings.cacert.c_str());
     if (rc == ORV_RESULT_Success && !o.proxyUser.empty())
@@ -196,94 +212,137 @@ Outcome Session::Classify(int code, bool signIn)
     const Options& o = *m_settings.options;
     Outcome out;
     out.code = code;
-    if (m_handle != nullptr)
+    if (m_handle != nullptr) {
         OrvServerConnectionGetHttpStatus(m_handle, &out.status);
+        OrvServerConnectionGetFailure(m_handle, &out.failure, &out.transportCode);
+    }
     if (code == ORV_RESULT_Success) {
         out.kind = Kind::Published;
         return out;
     }
+    if (out.failure == ORV_FAILURE_None) // the handle could not be made or set up
+        out.failure = ORV_FAILURE_Other;
+    out.error = OrvFailureName(out.failure);
     out.libraryText = LastError();
+    out.transient = OrvFailureIsTransient(out.failure) != 0;
     const wchar_t* reason = nullptr;
     if (m_handle != nullptr && OrvServerConnectionGetServerReason(m_handle, &reason) == ORV_RESULT_Success)
         out.reason = Narrow(reason);
     const long s = out.status;
-    switch (code) {
-    case ORV_RESULT_Cancelled:
+    switch (out.failure) {
+    case ORV_FAILURE_Cancelled:
         out.kind = Kind::Interrupted;
         out.message = "cancelled";
         return out;
-    case ORV_RESULT_TimedOut:
+    case ORV_FAILURE_ConnectTimeout:
+    case ORV_FAILURE_StallTimeout:
+    case ORV_FAILURE_ReplyTimeout:
+    case ORV_FAILURE_TotalTimeout:
         out.kind = Kind::TimedOut;
-        out.transient = true;
-        out.message =
-            Printf("timed out (--connect-timeout %ld s, --stall-timeout %ld s; 0 for no limit): ", o.connectTimeout,
-                   o.stallTimeout) +
-            out.libraryText;
+        out.message = TimeOut(out.failure, o);
         return out;
-    case ORV_SERVER_NetworkFailure:
+    case ORV_FAILURE_Resolve:
+    case ORV_FAILURE_Connect:
+    case ORV_FAILURE_Tls:
+    case ORV_FAILURE_Proxy:
+    case ORV_FAILURE_ConnectionLost:
+    case ORV_FAILURE_TooManyRedirects:
+    case ORV_FAILURE_RedirectRefused:
         out.kind = Kind::Network;
-        out.transient = TransientNetworkText(out.libraryText);
-        out.message = WithHint("cannot reach the server: " + out.libraryText, NetworkHint(out.libraryText, o));
+        out.message = WithHint("cannot reach the server: " + out.libraryText, NetworkHint(out, o));
         return out;
-    case ORV_SERVER_InvalidPublishInput:
-        // Files were checked before signing in: this is the project lookup.
-        out.kind = out.libraryText.rfind("Project ", 0) == 0 ? Kind::Refused : Kind::Other;
-        out.message = WithHint(out.libraryText, out.kind == Kind::Refused ? "Project names are case-sensitive" : "");
+    case ORV_FAILURE_ServerError:
+        out.kind = Kind::Network;
+        out.message = "the server failed " + StatusAndReason(out);
         return out;
-    case ORV_SERVER_ServerResponseError:
-        if (s >= 500) {
-            out.kind = Kind::Network;
-            out.transient = true;
-            out.message = "the server failed " + StatusAndReason(out);
-            return out;
-        }
-        if (s >= 400) {
-            out.kind = signIn ? Kind::SignInRefused : Kind::Refused;
-            std::string hint;
-            if (signIn && s == 401)
-                hint = "Check the user name, the password and --site";
-            else if (signIn && s == 403)
-                hint = Printf("User \"%s\" may not sign in to this site", o.user.c_str());
-            else if (signIn && s == 404)
-                hint = "Check --server and --site";
-            else if (s == 409)
-                hint = "Use --overwrite to replace it";
-            out.message =
-                WithHint((signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out), hint);
-            return out;
-        }
-        break;
-    case ORV_SERVER_ResponseParseFailed:
-    case ORV_SERVER_UnexpectedResponse:
+    case ORV_FAILURE_ProjectNotFound:
+        out.kind = Kind::Refused;
+        out.message = WithHint(out.libraryText, "Project names are case-sensitive");
+        return out;
+    case ORV_FAILURE_SignInRefused: {
+        out.kind = Kind::SignInRefused;
+        std::string hint = "Check the user name, the password and --site";
+        if (s == 403)
+            hint = Printf("User \"%s\" may not sign in to this site", o.user.c_str());
+        else if (s == 404)
+            hint = "Check --server and --site";
+        out.message = WithHint("sign-in refused " + StatusAndReason(out), hint);
+        return out;
+    }
+    case ORV_FAILURE_AlreadyExists:
+    case ORV_FAILURE_Refused:
+        out.kind = signIn ? Kind::SignInRefused : Kind::Refused;
+        out.message = WithHint((signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out),
+                               out.failure == ORV_FAILURE_AlreadyExists ? "Use --overwrite to replace it" : "");
+        return out;
+    case ORV_FAILURE_ReplyUnreadable:
         out.kind = Kind::Other;
         out.message =
             Printf("the reply (HTTP %ld) is not one a publishing server sends; check --server %s", s, o.server.c_str());
         return out;
+    case ORV_FAILURE_ReplyTooLarge:
+        out.kind = Kind::Other;
+        out.message = Printf("the reply is larger than a publishing server sends (over %s); check --server %s",
+                             FormatBytes(static_cast<double>(kMaxReplyBytes)).c_str(), o.server.c_str());
+        return out;
     default:
-        break;
+        out.kind = Kind::Other;
+        out.message = out.libraryText;
+        return out;
     }
-    out.kind = Kind::Other;
-    out.message = Printf("failed (code %d): ", code) + out.libraryText;
-    return out;
 }
 
-template <class Attempt> Outcome Session::Retrying(const std::string& label, bool signIn, Attempt attempt)
+bool Session::WholeBodySent()
 {
+    uint64_t sent = 0;
+    uint64_t total = 0;
+    return m_handle != nullptr && OrvServerConnectionGetUploadProgress(m_handle, &sent, &total) == ORV_RESULT_Success &&
+           total > 0 && sent == total;
+}
+
+template <class Attempt> Outcome Session::Retrying(const std::string& label, Call call, Attempt attempt)
+{
+    const bool upload = call == Call::Upload;
     const Options& o = *m_settings.options;
     const auto start = std::chrono::steady_clock::now();
     Outcome out;
+    int uploads = 0;
+    bool mayHaveLanded = false; // an earlier answer to a whole upload was lost
     for (int tries = 1;; ++tries) {
-        out = Classify(m_setupResult != ORV_RESULT_Success ? m_setupResult : attempt(), signIn);
+        out = Classify(m_setupResult != ORV_RESULT_Success ? m_setupResult : attempt(), call == Call::SignIn);
         out.attempts = tries;
-        if (!out.transient || tries > o.retries || m_cancels.Interrupted())
+        const bool whole = upload && m_setupResult == ORV_RESULT_Success && WholeBodySent();
+        uploads += whole ? 1 : 0;
+        out.uploads = uploads;
+        const bool lost = whole && out.transient; // stored, perhaps, with the answer lost
+        if (mayHaveLanded && out.kind != Kind::Published) {
+            // Whatever this attempt met (a conflict, most likely: the data
+            // source the lost attempt stored, or one that was there before),
+            // nobody can tell from here whether the file is on the server.
+            out.kind = Kind::Uncertain;
+            out.message = Printf("the answer to an upload was lost after the whole file was sent, and the next "
+                                 "attempt failed (%s); the file may or may not be published",
+                                 out.message.c_str());
             break;
+        }
+        mayHaveLanded = mayHaveLanded || lost;
+        if (!out.transient || tries > o.retries || m_cancels.Interrupted()) {
+            if (lost) {
+                out.kind = Kind::Uncertain;
+                out.message = out.message + "; the whole file was sent first, so it may or may not be published";
+            }
+            break;
+        }
         const double wait = std::min(60.0, static_cast<double>(1L << std::min(tries - 1, 6)));
-        if (!o.quiet)
-            m_console.Err(
-                label + ": " +
-                WithHint(out.message, Printf("Trying again in %.0f s (retry %d of %ld)", wait, tries, o.retries)));
+        const std::string again =
+            lost ? Printf("The whole file was sent before the answer was lost, so it may have landed; sending it "
+                          "again in %.0f s (retry %d of %ld)",
+                          wait, tries, o.retries)
+                 : Printf("Trying again in %.0f s (retry %d of %ld)", wait, tries, o.retries);
+        if (!o.quiet || lost)
+            m_console.Err(label + ": " + WithHint(out.message, again));
         if (!m_cancels.Sleep(wait)) {
-            out.kind = Kind::Interrupted;
+            out.kind = mayHaveLanded ? Kind::Uncertain : Kind::Interrupted;
             out.message = "interrupted while waiting to try again";
             break;
         }
@@ -295,7 +354,7 @@ template <class Attempt> Outcome Session::Retrying(const std::string& label, boo
 Outcome Session::SignIn()
 {
     const Settings& s = m_settings;
-    return Retrying("sign-in", true, [&] {
+    return Retrying("sign-in", Call::SignIn, [&] {
         return OrvServerConnectionConnect(m_handle, s.server.c_str(), s.user.c_str(), s.password.c_str(),
                                           s.site.c_str());
     });
@@ -304,7 +363,7 @@ Outcome Session::SignIn()
 Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer)
 {
     m_transfer = &transfer;
-    Outcome out = Retrying(label, false, [&] {
+    Outcome out = Retrying(label, Call::Upload, [&] {
         return OrvServerConnectionPublishExtract(m_handle, path.c_str(), m_settings.project.c_str(), name.c_str(),
                                                  m_settings.options->overwrite ? 1 : 0);
     });
@@ -314,7 +373,7 @@ Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf1
 
 Outcome Session::FindProject()
 {
-    Outcome out = Retrying("project", false,
+    Outcome out = Retrying("project", Call::Lookup,
                            [&] { return OrvServerConnectionFindProject(m_handle, m_settings.project.c_str()); });
     if (out.kind == Kind::Published) {
         out.kind = Kind::Checked;

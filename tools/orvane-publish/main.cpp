@@ -14,6 +14,7 @@
 
 #include <orvane/OrvaneServerExt.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -196,12 +197,33 @@ bool CheckFiles(const Options& o, std::vector<Job>& jobs)
     return usable;
 }
 
-// Publishes files until none is left or a signal came; one session per worker.
-void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancels, Console& console)
+// The files not tried once the project was found missing share its refusal.
+void NotSentForMissingProject(std::vector<Job>& jobs)
+{
+    const auto missing = std::find_if(
+        jobs.begin(), jobs.end(), [](const Job& job) { return job.outcome.failure == ORV_FAILURE_ProjectNotFound; });
+    Outcome notSent = missing->outcome;
+    notSent.attempts = 0;
+    notSent.uploads = 0;
+    notSent.seconds = 0;
+    for (Job& job : jobs)
+        if (job.outcome.kind == Kind::NotStarted)
+            job.outcome = notSent;
+}
+
+// What the workers of a batch share.
+struct Batch {
+    std::atomic<size_t> next{0};             // the next job to take
+    std::atomic<bool> projectMissing{false}; // no file can be published: stop
+};
+
+// Publishes files until none is left, a signal came or the project turned
+// out not to exist; one session per worker.
+void Work(Session& session, Run& run, Batch& batch, Cancels& cancels, Console& console)
 {
     const Options& o = *run.options;
     Transfer transfer;
-    for (size_t i; !cancels.Interrupted() && (i = next++) < run.jobs.size();) {
+    for (size_t i; !cancels.Interrupted() && !batch.projectMissing && (i = batch.next++) < run.jobs.size();) {
         Job& job = run.jobs[i];
         const size_t slash = job.path.find_last_of('/');
         transfer.label = Printable(slash == std::string::npos ? job.path : job.path.substr(slash + 1));
@@ -210,7 +232,11 @@ void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancel
         job.outcome = session.Publish(job.path, job.path16, job.name16, transfer);
         console.Finish(transfer);
         const Outcome& out = job.outcome;
-        if (out.kind == Kind::Published) {
+        if (out.failure == ORV_FAILURE_ProjectNotFound) {
+            // Every file would meet the same refusal: told once.
+            if (!batch.projectMissing.exchange(true))
+                console.Err(out.message);
+        } else if (out.kind == Kind::Published) {
             console.Out(Printf("published %s -> %s/%s (%s in %.2f s, %s)", job.path.c_str(), o.project.c_str(),
                                job.name.c_str(), FormatBytes(static_cast<double>(job.bytes)).c_str(), out.seconds,
                                FormatRate(out.seconds > 0 ? job.bytes / out.seconds : 0).c_str()));
@@ -292,7 +318,7 @@ int main(int argc, char** argv)
             if (checked.kind != Kind::Checked && checked.kind != Kind::Interrupted)
                 console.Err(checked.message);
         } else {
-            std::atomic<size_t> next{0};
+            Batch batch;
             std::vector<std::thread> workers;
             const size_t extra = std::min<size_t>(static_cast<size_t>(o.jobs), run.jobs.size()) - 1;
             for (size_t w = 0; w < extra; ++w)
@@ -300,13 +326,15 @@ int main(int argc, char** argv)
                     Session session(settings, cancels, console);
                     const Outcome signIn = session.SignIn();
                     if (signIn.kind == Kind::Published)
-                        Work(session, run, next, cancels, console);
+                        Work(session, run, batch, cancels, console);
                     else if (o.verbose)
                         console.Err("an extra session could not sign in: " + signIn.message);
                 });
-            Work(first, run, next, cancels, console);
+            Work(first, run, batch, cancels, console);
             for (std::thread& worker : workers)
                 worker.join();
+            if (batch.projectMissing)
+                NotSentForMissingProject(run.jobs);
         }
     } // every session signed out and closed
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
