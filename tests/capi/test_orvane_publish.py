@@ -176,7 +176,7 @@ class OrvanePublishTest(unittest.TestCase):
         for name, answers, args, status, result_name, texts in (
                 ("502, no retry", [{"status": 502}], [], 7, "uncertain", ["may or may not be published"]),
                 ("502, then a conflict", [{"status": 502}, {"status": 409}], ["--retry", "1"], 7, "uncertain",
-                 ["sending it again in 1 s (retry 1 of 1)", "the next attempt failed"]),
+                 ["sending it again in 1 s (retry 1 of 1)", "(HTTP 409)", "may or may not be published"]),
                 ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0, "published",
                  ["sending it again in 1 s (retry 1 of 1)"])):
             with self.subTest(name):

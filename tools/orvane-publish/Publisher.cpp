@@ -39,6 +39,8 @@ std::string NetworkHint(const Outcome& out, const Options& o)
     }
 }
 
+const char kMayHaveLanded[] = "The answer to a whole upload was lost, so the file may or may not be published";
+
 // The limit that fired, as the option that sets it.
 std::string TimeOut(ORV_FAILURE failure, const Options& o)
 {
@@ -315,21 +317,14 @@ template <class Attempt> Outcome Session::Retrying(const std::string& label, Cal
         uploads += whole ? 1 : 0;
         out.uploads = uploads;
         const bool lost = whole && out.transient; // stored, perhaps, with the answer lost
-        if (mayHaveLanded && out.kind != Kind::Published) {
-            // Whatever this attempt met (a conflict, most likely: the data
-            // source the lost attempt stored, or one that was there before),
-            // nobody can tell from here whether the file is on the server.
-            out.kind = Kind::Uncertain;
-            out.message = Printf("the answer to an upload was lost after the whole file was sent, and the next "
-                                 "attempt failed (%s); the file may or may not be published",
-                                 out.message.c_str());
-            break;
-        }
         mayHaveLanded = mayHaveLanded || lost;
         if (!out.transient || tries > o.retries || m_cancels.Interrupted()) {
-            if (lost) {
+            // Whatever the last attempt met (after a lost answer most likely a
+            // conflict: with the data source that attempt stored, or with one
+            // that was there before), nobody can tell whether the file landed.
+            if (mayHaveLanded && out.kind != Kind::Published) {
                 out.kind = Kind::Uncertain;
-                out.message = out.message + "; the whole file was sent first, so it may or may not be published";
+                out.message = WithHint(out.message, kMayHaveLanded);
             }
             break;
         }
@@ -343,7 +338,7 @@ template <class Attempt> Outcome Session::Retrying(const std::string& label, Cal
             m_console.Err(label + ": " + WithHint(out.message, again));
         if (!m_cancels.Sleep(wait)) {
             out.kind = mayHaveLanded ? Kind::Uncertain : Kind::Interrupted;
-            out.message = "interrupted while waiting to try again";
+            out.message = WithHint("interrupted while waiting to try again", mayHaveLanded ? kMayHaveLanded : "");
             break;
         }
     }

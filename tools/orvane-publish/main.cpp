@@ -169,7 +169,7 @@ bool CheckFiles(const Options& o, std::vector<Job>& jobs)
         job.name = o.names.empty() ? Stem(job.path) : o.names[i];
         struct stat st {};
         std::string problem = Unusable(job.path, st);
-        job.outcome.error = "ExtractUnusable";
+        std::string error = "ExtractUnusable";
         if (problem.empty() && !seen.insert({st.st_dev, st.st_ino}).second) {
             std::fprintf(stderr, "orvane-publish: warning: %s given more than once; published once\n",
                          Printable(job.path).c_str());
@@ -181,16 +181,15 @@ bool CheckFiles(const Options& o, std::vector<Job>& jobs)
             // Published one after the other, the second would replace the first.
             problem = "would be published as \"" + job.name + "\" like " + byName[job.name] +
                       "; give each file its own --name";
-            job.outcome.error = "Usage";
+            error = "Usage";
         }
         job.bytes = static_cast<uint64_t>(st.st_size);
         if (!problem.empty()) {
             std::fprintf(stderr, "orvane-publish: %s: %s\n", Printable(job.path).c_str(), Printable(problem).c_str());
             job.outcome.kind = Kind::Unusable;
+            job.outcome.error = error;
             job.outcome.message = problem;
             usable = false;
-        } else {
-            job.outcome.error.clear();
         }
         jobs.push_back(std::move(job));
     }
