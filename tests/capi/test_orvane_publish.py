@@ -197,6 +197,7 @@ class OrvanePublishTest(unittest.TestCase):
         shown = good.replace("\x1b", "\\u001b").replace("\x07", "\\u0007").replace("\n", "\\n")
         log = os.path.join(self.dir, "OrvaneSDKServer.log")
         unreadable, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 200, "body": "no XML"}]))
+        oversized, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 200, "body": " " * (17 << 20)}]))
         tls_to_plain = self.url.replace("http://", "https://")
         for server, args, password, status, error, texts in (
                 (self.url, [], "wrong", 3, "SignInRefused",
@@ -207,6 +208,7 @@ class OrvanePublishTest(unittest.TestCase):
                  ['Project "Nowhere" doesn\'t exist on server', f"{shown}: library result 303",
                   f"the library's log: {log}"]),
                 (unreadable, [], "demo-password", 1, "ReplyUnreadable", ["is not one a publishing server sends"]),
+                (oversized, [], "demo-password", 1, "ReplyTooLarge", ["the reply is larger than a publishing server"]),
                 (silent_url, ["--stall-timeout", "1"], "demo-password", 6, "StallTimeout",
                  ["timed out: nothing moved for 1 s (--stall-timeout)"]),
                 (closed_url, ["--retry", "2"], "demo-password", 5, "Connect",
