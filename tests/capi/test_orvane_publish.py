@@ -110,9 +110,12 @@ class OrvanePublishTest(unittest.TestCase):
                 lines.append(method + " " + target.split("?")[0])
         return lines
 
-    def stored(self):
+    def fetch(self, path):
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-        listing = opener.open(self.url + "/__published", timeout=30).read().decode()
+        return opener.open(self.url + path, timeout=30).read().decode()
+
+    def stored(self):
+        listing = self.fetch("/__published")
         return {line.split("\t")[1]: line.split("\t")[2:4] for line in listing.splitlines()}
 
     def test_help_version_man_page_and_usage_errors(self):
@@ -198,6 +201,8 @@ class OrvanePublishTest(unittest.TestCase):
         log = os.path.join(self.dir, "OrvaneSDKServer.log")
         unreadable, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 200, "body": "no XML"}]))
         oversized, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 200, "body": " " * (17 << 20)}]))
+        elsewhere = [["Location", closed_url + "/api/2.0/auth/signin"]]
+        redirecting, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 307, "headers": elsewhere}]))
         tls_to_plain = self.url.replace("http://", "https://")
         for server, args, password, status, error, texts in (
                 (self.url, [], "wrong", 3, "SignInRefused",
@@ -211,6 +216,10 @@ class OrvanePublishTest(unittest.TestCase):
                 (oversized, [], "demo-password", 1, "ReplyTooLarge", ["the reply is larger than a publishing server"]),
                 (silent_url, ["--stall-timeout", "1"], "demo-password", 6, "StallTimeout",
                  ["timed out: nothing moved for 1 s (--stall-timeout)"]),
+                (silent_url, ["--stall-timeout", "0", "--max-time", "1"], "demo-password", 6, "TotalTimeout",
+                 ["timed out: the request took more than 1 s (--max-time)"]),
+                (redirecting, [], "demo-password", 5, "RedirectRefused", ["unless --redirects allows them"]),
+                (redirecting, ["--redirects", "any"], "demo-password", 5, "Connect", []),
                 (closed_url, ["--retry", "2"], "demo-password", 5, "Connect",
                  ["Couldn't connect to server", "(retry 1 of 2)", "(retry 2 of 2)"]),
                 (tls_to_plain, [], "demo-password", 5, "Tls", ["if it serves plain HTTP on this port, use an http://"]),

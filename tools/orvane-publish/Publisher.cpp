@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 
 namespace orvpub {
 namespace {
@@ -157,36 +158,46 @@ bool Cancels::Sleep(double seconds)
     return !m_wake.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return m_interrupted; });
 }
 
-Session::Session(const Settings& settings, Cancels& cancels, Console& console)
-    : m_settings(settings), m_cancels(cancels), m_console(console)
+Session::Session(const Settings& s, Cancels& cancels, Console& console)
+    : m_settings(s), m_cancels(cancels), m_console(console)
 {
-    const Options& o = *settings.options;
-    int rc = OrvServerConnectionCreate(&m_handle);
+    const Options& o = *s.options;
+    ORV_RESULT rc = OrvServerConnectionCreate(&m_handle);
     if (rc != ORV_RESULT_Success) {
         m_handle = nullptr;
         m_setupResult = rc;
         return;
     }
     m_cancels.Add(m_handle);
-    // The library has no limits unless asked; a tool run by people and
-    // scripts should not wait forever, so ours are on by default.
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionEnableCancel(m_handle);
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionSetProgressCallback(m_handle, &Session::OnProgress, this);
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionSetConnectTimeout(m_handle, o.connectTimeout);
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionSetStallTimeout(m_handle, o.stallTimeout);
-    if (rc == ORV_RESULT_Success) // the library counts a negative limit as none
-        rc = OrvServerConnectionSetMaxRedirects(m_handle, o.maxRedirects == 0 ? -1 : o.maxRedirects);
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionSetMaxReplySize(m_handle, kMaxReplyBytes);
-    if (rc == ORV_RESULT_Success && !o.cacert.empty())
-        rc = OrvServerConnectionSetCACertificates(m_handle, settings.cacert.c_str());
-    if (rc == ORV_RESULT_Success && !o.proxyUser.empty())
-        rc = OrvServerConnectionSetProxyCredentials(m_handle, settings.proxyUser.c_str(),
-                                                    settings.proxyPassword.c_str());
+    void* const h = m_handle;
+    const ORV_REDIRECT_POLICY policy = o.redirects == Redirects::Any           ? ORV_REDIRECT_Follow
+                                       : o.redirects == Redirects::NoDowngrade ? ORV_REDIRECT_NoDowngrade
+                                                                               : ORV_REDIRECT_SameOrigin;
+    // The library has no limits and makes every round trip unless asked; a
+    // tool run by people and scripts should neither wait forever nor idle,
+    // so ours are on by default.
+    const std::function<ORV_RESULT()> steps[] = {
+        [&] { return OrvServerConnectionEnableCancel(h); },
+        [&] { return OrvServerConnectionSetProgressCallback(h, &Session::OnProgress, this); },
+        [&] { return OrvServerConnectionSetConnectTimeout(h, o.connectTimeout); },
+        [&] { return OrvServerConnectionSetStallTimeout(h, o.stallTimeout); },
+        [&] { return OrvServerConnectionSetReplyTimeout(h, o.replyTimeout); },
+        [&] { return OrvServerConnectionSetTotalTimeout(h, o.maxTime); },
+        // The library counts a negative limit as none.
+        [&] { return OrvServerConnectionSetMaxRedirects(h, o.maxRedirects == 0 ? -1 : o.maxRedirects); },
+        [&] { return OrvServerConnectionSetRedirectPolicy(h, policy); },
+        [&] { return OrvServerConnectionSetMaxReplySize(h, kMaxReplyBytes); },
+        [&] {
+            return o.cacert.empty() ? ORV_RESULT_Success : OrvServerConnectionSetCACertificates(h, s.cacert.c_str());
+        },
+        [&] {
+            return o.proxyUser.empty()
+                       ? ORV_RESULT_Success
+                       : OrvServerConnectionSetProxyCredentials(h, s.proxyUser.c_str(), s.proxyPassword.c_str());
+        }};
+    for (const auto& step : steps)
+        if ((rc = step()) != ORV_RESULT_Success)
+            break;
     m_setupResult = rc;
 }
 
@@ -349,10 +360,12 @@ template <class Attempt> Outcome Session::Retrying(const std::string& label, Cal
 Outcome Session::SignIn()
 {
     const Settings& s = m_settings;
-    return Retrying("sign-in", Call::SignIn, [&] {
+    const Outcome out = Retrying("sign-in", Call::SignIn, [&] {
         return OrvServerConnectionConnect(m_handle, s.server.c_str(), s.user.c_str(), s.password.c_str(),
                                           s.site.c_str());
     });
+    m_signedIn = out.kind == Kind::Published;
+    return out;
 }
 
 Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer)

@@ -34,6 +34,10 @@ enum class Kind {
 // No reply of a publishing server comes near this; a larger one is refused
 // as it arrives rather than held in memory.
 const uint64_t kMaxReplyBytes = 16u << 20;
+// A run's project lookup serves it whole, up to this many seconds.
+const long kProjectCacheSeconds = 3600;
+// The longest a sign-out may take at the end of a run, a signal's included.
+const long kSignOutSeconds = 5;
 
 const char* KindName(Kind kind); // the "result" of --json
 int ExitCodeOf(Kind kind);       // kExitInterrupted for Interrupted (the signal is added later)
@@ -79,7 +83,7 @@ struct Settings {
 class Session {
   public:
     Session(const Settings& settings, Cancels& cancels, Console& console);
-    ~Session(); // signs out (on this side) and closes the handle
+    ~Session(); // signs out on the server and closes the handle
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -100,6 +104,7 @@ class Session {
     Console& m_console;
     void* m_handle = nullptr;
     int m_setupResult = 0;
+    bool m_signedIn = false;
     Transfer* m_transfer = nullptr;
 };
 

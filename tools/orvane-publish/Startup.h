@@ -17,7 +17,7 @@ struct Started {
 
 // Starts the library with its log in the first usable of: $ORV_SDK_LOGDIR,
 // $XDG_STATE_HOME/orvane (default ~/.local/state/orvane, created 0700), a
-// private directory of this user under $TMPDIR (default /tmp).
+// directory of this user's alone under $TMPDIR, /tmp, /var/tmp or /dev/shm.
 Started StartLibrary();
 
 } // namespace orvpub
