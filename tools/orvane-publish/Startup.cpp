@@ -29,12 +29,10 @@ bool MakeDirectories(const std::string& dir)
     return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// $TMPDIR/orvane-publish-UID, ours alone: a directory someone else made, or a
-// link put in its place, is not used.
-bool PrivateTemporary(std::string& dir)
+// DIR made (when missing) for this user alone: a directory someone else
+// made, or a link put in its place, is not used.
+bool PrivateDirectory(const std::string& dir)
 {
-    const std::string base = Env("TMPDIR").empty() ? "/tmp" : Env("TMPDIR");
-    dir = base + Printf("/orvane-publish-%u", static_cast<unsigned>(getuid()));
     mkdir(dir.c_str(), 0700);
     struct stat st {};
     return lstat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == getuid() && (st.st_mode & 0077) == 0;
@@ -54,32 +52,44 @@ std::string StateHome()
     return home + "/.local/state";
 }
 
-// Makes the next place for the log, in the order above; false when none is left.
-bool NextPlace(int& step, std::string& dir, std::vector<std::string>& warnings)
+struct Place {
+    enum How { AsIs, Created, Private };
+    std::string dir;
+    How how;
+};
+
+// Where the log may go, in order; nothing is made before it is tried.
+std::vector<Place> Places()
 {
-    while (step < 3) {
-        switch (step++) {
-        case 0:
-            dir = Env("ORV_SDK_LOGDIR");
-            if (!dir.empty())
-                return true;
-            break;
-        case 1:
-            dir = StateHome();
-            if (dir.empty())
-                break;
-            dir += "/orvane";
-            if (MakeDirectories(dir))
-                return true;
-            warnings.push_back("cannot create " + dir + " for the log: " + std::strerror(errno));
-            break;
-        default:
-            if (PrivateTemporary(dir))
-                return true;
-            warnings.push_back("cannot use " + dir + " for the log");
-        }
+    std::vector<Place> places;
+    if (!Env("ORV_SDK_LOGDIR").empty())
+        places.push_back({Env("ORV_SDK_LOGDIR"), Place::AsIs});
+    if (!StateHome().empty())
+        places.push_back({StateHome() + "/orvane", Place::Created});
+    // A read-only system may still have one of these writable.
+    const std::string user = Printf("/orvane-publish-%u", static_cast<unsigned>(getuid()));
+    for (const std::string& base :
+         {Env("TMPDIR"), std::string("/tmp"), std::string("/var/tmp"), std::string("/dev/shm")})
+        if (!base.empty() && base[0] == '/' && (places.empty() || places.back().dir != base + user))
+            places.push_back({base + user, Place::Private});
+    return places;
+}
+
+// Makes the place ready for the log; false when it cannot be.
+bool Prepare(const Place& place, std::vector<std::string>& warnings)
+{
+    switch (place.how) {
+    case Place::AsIs:
+        return true;
+    case Place::Created:
+        if (MakeDirectories(place.dir))
+            return true;
+        warnings.push_back("cannot create " + place.dir + " for the log: " + std::strerror(errno));
+        return false;
+    case Place::Private:
+        break;
     }
-    return false;
+    return PrivateDirectory(place.dir);
 }
 
 } // namespace
@@ -87,24 +97,21 @@ bool NextPlace(int& step, std::string& dir, std::vector<std::string>& warnings)
 Started StartLibrary()
 {
     Started started;
-    int step = 0;
-    for (std::string dir; NextPlace(step, dir, started.warnings);) {
+    for (const Place& place : Places()) {
         struct stat st {};
         // The library falls back to the working directory for a directory
         // that does not exist; ours must never land there.
-        if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-            started.warnings.push_back("the log directory " + dir + " does not exist");
+        if (!Prepare(place, started.warnings) || stat(place.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
             continue;
-        }
-        setenv("ORV_SDK_LOGDIR", dir.c_str(), 1);
+        setenv("ORV_SDK_LOGDIR", place.dir.c_str(), 1);
         if (OrvServerAPIInitialize() == ORV_RESULT_Success) {
             started.ok = true;
-            started.logPath = dir + "/OrvaneSDKServer.log";
+            started.logPath = place.dir + "/OrvaneSDKServer.log";
             return started;
         }
-        started.warnings.push_back("cannot keep the log in " + dir + ": " + Narrow(OrvGetLastErrorMessage()));
+        started.warnings.push_back("no log in " + place.dir + ": " + Narrow(OrvGetLastErrorMessage()));
     }
-    started.failure = "no place for the library's log";
+    started.failure = "no directory can hold the library's log";
     return started;
 }
 
