@@ -98,15 +98,14 @@ Started StartLibrary()
 {
     Started started;
     for (const Place& place : Places()) {
-        struct stat st {};
-        // The library falls back to the working directory for a directory
-        // that does not exist; ours must never land there.
-        if (!Prepare(place, started.warnings) || stat(place.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        Utf16 dir;
+        if (!Prepare(place, started.warnings) || !ToUtf16(place.dir, dir))
             continue;
-        setenv("ORV_SDK_LOGDIR", place.dir.c_str(), 1);
+        OrvServerAPISetLogDirectory(dir.c_str());
         if (OrvServerAPIInitialize() == ORV_RESULT_Success) {
             started.ok = true;
-            started.logPath = place.dir + "/OrvaneSDKServer.log";
+            const char* path = OrvServerAPIGetLogPath();
+            started.logPath = path != nullptr ? path : "";
             return started;
         }
         started.warnings.push_back("no log in " + place.dir + ": " + Narrow(OrvGetLastErrorMessage()));
