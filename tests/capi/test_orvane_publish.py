@@ -252,6 +252,8 @@ class OrvanePublishTest(unittest.TestCase):
         for name, env, user, log_dir, mode in (
                 ("logdir", {"ORV_SDK_LOGDIR": self.dir}, (), self.dir, 0o755),
                 ("xdg", {"XDG_STATE_HOME": state}, (), os.path.join(state, "orvane"), 0o700),
+                ("missing logdir", {"ORV_SDK_LOGDIR": home + "/missing", "XDG_STATE_HOME": state}, (),
+                 os.path.join(state, "orvane"), 0o700),
                 ("home", {"HOME": home}, (), os.path.join(home, ".local", "state", "orvane"), 0o700),
                 ("nobody", {}, nobody, os.path.join(tmp, "orvane-publish-65534"), 0o700)):
             with self.subTest(name):
