@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake g++ make pkg-config python3 openssl ca-certificates git clang-format
   libcurl4-openssl-dev libssl-dev libexpat1-dev
-  qtbase5-dev libtbb-dev libboost-dev libicu-dev
+  qtbase5-dev libtbb-dev libboost-dev libicu-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev
   tinyproxy
   python3-pytest python3-venv

@@ -26,8 +26,8 @@ std::string Figures(uint64_t sent, uint64_t total, double rate)
 
 } // namespace
 
-Console::Console(bool meter, bool combined, bool stdoutLines, size_t files)
-    : m_meter(meter), m_combined(combined), m_stdoutLines(stdoutLines), m_files(files)
+Console::Console(bool meter, bool combined, bool stdoutLines, size_t files, uint64_t bytes)
+    : m_meter(meter), m_combined(combined), m_stdoutLines(stdoutLines), m_files(files), m_bytes(bytes)
 {
 }
 
@@ -37,8 +37,15 @@ void Console::Out(const std::string& line)
         return;
     std::lock_guard<std::mutex> lock(m_lock);
     WipeLocked();
-    std::fprintf(stdout, "%s\n", line.c_str());
-    std::fflush(stdout);
+    const bool written = std::fprintf(stdout, "%s\n", Printable(line).c_str()) >= 0;
+    if (std::fflush(stdout) != 0 || !written)
+        m_outputLost = true;
+}
+
+bool Console::OutputLost()
+{
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_outputLost || std::ferror(stdout);
 }
 
 void Console::Err(const std::string& line)
@@ -46,7 +53,7 @@ void Console::Err(const std::string& line)
     std::lock_guard<std::mutex> lock(m_lock);
     WipeLocked();
     std::fflush(stdout);
-    std::fprintf(stderr, "orvane-publish: %s\n", line.c_str());
+    std::fprintf(stderr, "orvane-publish: %s\n", Printable(line).c_str());
 }
 
 void Console::Start(Transfer& transfer)
@@ -55,6 +62,8 @@ void Console::Start(Transfer& transfer)
     transfer.total = 0;
     transfer.start = std::chrono::steady_clock::now();
     std::lock_guard<std::mutex> lock(m_lock);
+    if (m_done == 0 && m_active.empty())
+        m_start = transfer.start;
     m_active.push_back(&transfer);
 }
 
@@ -63,6 +72,7 @@ void Console::Finish(Transfer& transfer)
     std::lock_guard<std::mutex> lock(m_lock);
     m_active.erase(std::remove(m_active.begin(), m_active.end(), &transfer), m_active.end());
     ++m_done;
+    m_doneBytes += transfer.bytes;
     if (m_active.empty())
         WipeLocked();
 }
@@ -74,15 +84,13 @@ std::string Console::Line() const
         const double seconds = Since(t.start);
         return t.label + "  " + Figures(t.sent, t.total, seconds > 0 ? t.sent / seconds : 0);
     }
-    uint64_t sent = 0, total = 0;
-    double rate = 0;
-    for (const Transfer* t : m_active) {
-        sent += t->sent;
-        total += t->total;
-        const double seconds = Since(t->start);
-        rate += seconds > 0 ? t->sent / seconds : 0;
-    }
-    return Printf("%zu running, %zu of %zu done  ", m_active.size(), m_done, m_files) + Figures(sent, total, rate);
+    // The whole batch: files finished count whole, running ones as far as sent.
+    uint64_t sent = m_doneBytes;
+    for (const Transfer* t : m_active)
+        sent += std::min<uint64_t>(t->sent, t->bytes);
+    const double seconds = Since(m_start);
+    return Printf("%zu running, %zu of %zu files  ", m_active.size(), m_done, m_files) +
+           Figures(sent, m_bytes, seconds > 0 ? sent / seconds : 0);
 }
 
 void Console::Draw()

@@ -14,18 +14,22 @@ namespace orvpub {
 
 // One running upload, fed by the library's progress callback.
 struct Transfer {
-    std::string label;
-    std::atomic<uint64_t> sent{0}, total{0};
+    std::string label;                       // printable
+    uint64_t bytes = 0;                      // the file's size
+    std::atomic<uint64_t> sent{0}, total{0}; // of the request body, envelope included
     std::chrono::steady_clock::time_point start;
 };
 
 class Console {
   public:
-    // meter: draw the meter on stderr; combined: one line for all transfers.
-    // stdoutLines: print result lines on stdout (off with -q and --json).
-    Console(bool meter, bool combined, bool stdoutLines, size_t files);
+    // meter: draw the meter on stderr; combined: one line for the whole batch
+    // of `files` files and `bytes` bytes. stdoutLines: print result lines on
+    // stdout (off with -q and --json).
+    Console(bool meter, bool combined, bool stdoutLines, size_t files, uint64_t bytes);
 
+    // A line with its control characters escaped (see Printable).
     void Out(const std::string& line);
+    bool OutputLost();                 // a line could not be written to stdout
     void Err(const std::string& line); // prefixed with "orvane-publish: "
 
     void Start(Transfer& transfer);
@@ -40,8 +44,12 @@ class Console {
     std::mutex m_lock;
     const bool m_meter, m_combined, m_stdoutLines;
     bool m_shown = false;
+    bool m_outputLost = false;
     size_t m_done = 0;
+    uint64_t m_doneBytes = 0; // of the files finished, failed ones included
     const size_t m_files;
+    const uint64_t m_bytes;
+    std::chrono::steady_clock::time_point m_start; // of the first transfer
     std::vector<Transfer*> m_active;
 };
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 
 namespace orvpub {
 namespace {
@@ -13,31 +14,47 @@ std::string LastError()
     return Narrow(OrvGetLastErrorMessage());
 }
 
-// libcurl's texts for the failures that may pass if tried again: refused,
-// reset, cut or timed-out connections. Certificates, names and redirect
-// limits fail the same way every time.
-bool TransientNetworkText(const std::string& text)
+// libcurl's code for a TLS handshake that failed before any certificate was
+// seen, as against a server that speaks plain HTTP on the port.
+const long kHandshakeFailed = 35;
+
+std::string NetworkHint(const Outcome& out, const Options& o)
 {
-    static const char* const kTransient[] = {"Couldn't connect",
-                                             "Failure when receiving",
-                                             "Failed sending",
-                                             "Server returned nothing",
-                                             "Timeout was reached",
-                                             "refused",
-                                             "reset"};
-    return std::any_of(std::begin(kTransient), std::end(kTransient),
-                       [&](const char* piece) { return text.find(piece) != std::string::npos; });
+    switch (out.failure) {
+    case ORV_FAILURE_Tls:
+        if (out.transportCode == kHandshakeFailed)
+            return "The server did not complete a TLS handshake; if it serves plain HTTP on this port, use an "
+                   "http:// URL";
+        return o.cacert.empty() ? "A server with a private CA needs --cacert FILE" : "Check --cacert " + o.cacert;
+    case ORV_FAILURE_TooManyRedirects:
+        return Printf("At most %ld are followed (--max-redirects)", o.maxRedirects);
+    case ORV_FAILURE_RedirectRefused:
+        return "Redirects to another server are not followed unless --redirects allows them";
+    case ORV_FAILURE_Resolve:
+    case ORV_FAILURE_Connect:
+        return "Check --server " + o.server;
+    case ORV_FAILURE_Proxy:
+        return "Check the proxy (http_proxy, https_proxy, no_proxy) and --proxy-user";
+    default:
+        return "";
+    }
 }
 
-std::string NetworkHint(const std::string& text, const Options& o)
+const char kMayHaveLanded[] = "The answer to a whole upload was lost, so the file may or may not be published";
+
+// The limit that fired, as the option that sets it.
+std::string TimeOut(ORV_FAILURE failure, const Options& o)
 {
-    if (text.find("SSL") != std::string::npos || text.find("certificate") != std::string::npos)
-        return o.cacert.empty() ? "A server with a private CA needs --cacert FILE" : "Check --cacert " + o.cacert;
-    if (text.find("redirects") != std::string::npos)
-        return Printf("At most %ld are followed (--max-redirects)", o.maxRedirects);
-    if (text.find("resolve") != std::string::npos || text.find("Couldn't connect") != std::string::npos)
-        return "Check --server " + o.server;
-    return "";
+    switch (failure) {
+    case ORV_FAILURE_ConnectTimeout:
+        return Printf("timed out: no connection within %ld s (--connect-timeout)", o.connectTimeout);
+    case ORV_FAILURE_StallTimeout:
+        return Printf("timed out: nothing moved for %ld s (--stall-timeout)", o.stallTimeout);
+    case ORV_FAILURE_ReplyTimeout:
+        return Printf("timed out: no answer %ld s after the whole file was sent (--reply-timeout)", o.replyTimeout);
+    default:
+        return Printf("timed out: the request took more than %ld s (--max-time)", o.maxTime);
+    }
 }
 
 // "(HTTP 409): Resource Conflict: A data source named ..." or "(HTTP 409)".
@@ -57,6 +74,10 @@ const char* KindName(Kind kind)
         return "published";
     case Kind::Checked:
         return "checked";
+    case Kind::Unusable:
+        return "unusable";
+    case Kind::Uncertain:
+        return "uncertain";
     case Kind::SignInRefused:
         return "sign-in-refused";
     case Kind::Refused:
@@ -80,6 +101,10 @@ int ExitCodeOf(Kind kind)
     case Kind::Published:
     case Kind::Checked:
         return kExitPublished;
+    case Kind::Unusable:
+        return kExitUsage;
+    case Kind::Uncertain:
+        return kExitUncertain;
     case Kind::SignInRefused:
         return kExitSignIn;
     case Kind::Refused:
@@ -133,34 +158,46 @@ bool Cancels::Sleep(double seconds)
     return !m_wake.wait_for(lock, std::chrono::duration<double>(seconds), [this] { return m_interrupted; });
 }
 
-Session::Session(const Settings& settings, Cancels& cancels, Console& console)
-    : m_settings(settings), m_cancels(cancels), m_console(console)
+Session::Session(const Settings& s, Cancels& cancels, Console& console)
+    : m_settings(s), m_cancels(cancels), m_console(console)
 {
-    const Options& o = *settings.options;
-    int rc = OrvServerConnectionCreate(&m_handle);
+    const Options& o = *s.options;
+    ORV_RESULT rc = OrvServerConnectionCreate(&m_handle);
     if (rc != ORV_RESULT_Success) {
         m_handle = nullptr;
         m_setupResult = rc;
         return;
     }
     m_cancels.Add(m_handle);
-    // The library has no limits unless asked; a tool run by people and
-    // scripts should not wait forever, so ours are on by default.
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionEnableCancel(m_handle);
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionSetProgressCallback(m_handle, &Session::OnProgress, this);
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionSetConnectTimeout(m_handle, o.connectTimeout);
-    if (rc == ORV_RESULT_Success)
-        rc = OrvServerConnectionSetStallTimeout(m_handle, o.stallTimeout);
-    if (rc == ORV_RESULT_Success) // the library counts a negative limit as none
-        rc = OrvServerConnectionSetMaxRedirects(m_handle, o.maxRedirects == 0 ? -1 : o.maxRedirects);
-    if (rc == ORV_RESULT_Success && !o.cacert.empty())
-        rc = OrvServerConnectionSetCACertificates(m_handle, settings.cacert.c_str());
-    if (rc == ORV_RESULT_Success && !o.proxyUser.empty())
-        rc = OrvServerConnectionSetProxyCredentials(m_handle, settings.proxyUser.c_str(),
-                                                    settings.proxyPassword.c_str());
+    void* const h = m_handle;
+    const ORV_REDIRECT_POLICY policy = o.redirects == Redirects::Any           ? ORV_REDIRECT_Follow
+                                       : o.redirects == Redirects::NoDowngrade ? ORV_REDIRECT_NoDowngrade
+                                                                               : ORV_REDIRECT_SameOrigin;
+    // The library has no limits and makes every round trip unless asked; a
+    // tool run by people and scripts should neither wait forever nor idle,
+    // so ours are on by default.
+    const std::function<ORV_RESULT()> steps[] = {
+        [&] { return OrvServerConnectionEnableCancel(h); },
+        [&] { return OrvServerConnectionSetProgressCallback(h, &Session::OnProgress, this); },
+        [&] { return OrvServerConnectionSetConnectTimeout(h, o.connectTimeout); },
+        [&] { return OrvServerConnectionSetStallTimeout(h, o.stallTimeout); },
+        [&] { return OrvServerConnectionSetReplyTimeout(h, o.replyTimeout); },
+        [&] { return OrvServerConnectionSetTotalTimeout(h, o.maxTime); },
+        // The library counts a negative limit as none.
+        [&] { return OrvServerConnectionSetMaxRedirects(h, o.maxRedirects == 0 ? -1 : o.maxRedirects); },
+        [&] { return OrvServerConnectionSetRedirectPolicy(h, policy); },
+        [&] { return OrvServerConnectionSetMaxReplySize(h, kMaxReplyBytes); },
+        [&] {
+            return o.cacert.empty() ? ORV_RESULT_Success : OrvServerConnectionSetCACertificates(h, s.cacert.c_str());
+        },
+        [&] {
+            return o.proxyUser.empty()
+                       ? ORV_RESULT_Success
+                       : OrvServerConnectionSetProxyCredentials(h, s.proxyUser.c_str(), s.proxyPassword.c_str());
+        }};
+    for (const auto& step : steps)
+        if ((rc = step()) != ORV_RESULT_Success)
+            break;
     m_setupResult = rc;
 }
 
@@ -188,95 +225,131 @@ Outcome Session::Classify(int code, bool signIn)
     const Options& o = *m_settings.options;
     Outcome out;
     out.code = code;
-    if (m_handle != nullptr)
+    if (m_handle != nullptr) {
         OrvServerConnectionGetHttpStatus(m_handle, &out.status);
+        OrvServerConnectionGetFailure(m_handle, &out.failure, &out.transportCode);
+    }
     if (code == ORV_RESULT_Success) {
         out.kind = Kind::Published;
         return out;
     }
-    out.error = LastError();
+    if (out.failure == ORV_FAILURE_None) // the handle could not be made or set up
+        out.failure = ORV_FAILURE_Other;
+    out.error = OrvFailureName(out.failure);
+    out.libraryText = LastError();
+    out.transient = OrvFailureIsTransient(out.failure) != 0;
     const wchar_t* reason = nullptr;
     if (m_handle != nullptr && OrvServerConnectionGetServerReason(m_handle, &reason) == ORV_RESULT_Success)
         out.reason = Narrow(reason);
     const long s = out.status;
-    switch (code) {
-    case ORV_RESULT_Cancelled:
+    switch (out.failure) {
+    case ORV_FAILURE_Cancelled:
         out.kind = Kind::Interrupted;
         out.message = "cancelled";
         return out;
-    case ORV_RESULT_TimedOut:
+    case ORV_FAILURE_ConnectTimeout:
+    case ORV_FAILURE_StallTimeout:
+    case ORV_FAILURE_ReplyTimeout:
+    case ORV_FAILURE_TotalTimeout:
         out.kind = Kind::TimedOut;
-        out.transient = true;
-        out.message =
-            Printf("timed out (--connect-timeout %ld s, --stall-timeout %ld s; 0 for no limit): ", o.connectTimeout,
-                   o.stallTimeout) +
-            out.error;
+        out.message = TimeOut(out.failure, o);
         return out;
-    case ORV_SERVER_NetworkFailure:
+    case ORV_FAILURE_Resolve:
+    case ORV_FAILURE_Connect:
+    case ORV_FAILURE_Tls:
+    case ORV_FAILURE_Proxy:
+    case ORV_FAILURE_ConnectionLost:
+    case ORV_FAILURE_TooManyRedirects:
+    case ORV_FAILURE_RedirectRefused:
         out.kind = Kind::Network;
-        out.transient = TransientNetworkText(out.error);
-        out.message = WithHint("cannot reach the server: " + out.error, NetworkHint(out.error, o));
+        out.message = WithHint("cannot reach the server: " + out.libraryText, NetworkHint(out, o));
         return out;
-    case ORV_SERVER_InvalidPublishInput:
-        // Files were checked before signing in: this is the project lookup.
-        out.kind = out.error.rfind("Project ", 0) == 0 ? Kind::Refused : Kind::Other;
-        out.message = WithHint(out.error, out.kind == Kind::Refused ? "Project names are case-sensitive" : "");
+    case ORV_FAILURE_ServerError:
+        out.kind = Kind::Network;
+        out.message = "the server failed " + StatusAndReason(out);
         return out;
-    case ORV_SERVER_ServerResponseError:
-        if (s >= 500) {
-            out.kind = Kind::Network;
-            out.transient = true;
-            out.message = "the server failed " + StatusAndReason(out);
-            return out;
-        }
-        if (s >= 400) {
-            out.kind = signIn ? Kind::SignInRefused : Kind::Refused;
-            std::string hint;
-            if (signIn && s == 401)
-                hint = "Check the user name, the password and --site";
-            else if (signIn && s == 403)
-                hint = Printf("User \"%s\" may not sign in to this site", o.user.c_str());
-            else if (signIn && s == 404)
-                hint = "Check --server and --site";
-            else if (s == 409)
-                hint = "Use --overwrite to replace it";
-            out.message =
-                WithHint((signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out), hint);
-            return out;
-        }
-        break;
-    case ORV_SERVER_ResponseParseFailed:
-    case ORV_SERVER_UnexpectedResponse:
+    case ORV_FAILURE_ProjectNotFound:
+        out.kind = Kind::Refused;
+        out.message = WithHint(out.libraryText, "Project names are case-sensitive");
+        return out;
+    case ORV_FAILURE_SignInRefused: {
+        out.kind = Kind::SignInRefused;
+        std::string hint = "Check the user name, the password and --site";
+        if (s == 403)
+            hint = Printf("User \"%s\" may not sign in to this site", o.user.c_str());
+        else if (s == 404)
+            hint = "Check --server and --site";
+        out.message = WithHint("sign-in refused " + StatusAndReason(out), hint);
+        return out;
+    }
+    case ORV_FAILURE_AlreadyExists:
+    case ORV_FAILURE_Refused:
+        out.kind = signIn ? Kind::SignInRefused : Kind::Refused;
+        out.message = WithHint((signIn ? "sign-in refused " : "refused by the server ") + StatusAndReason(out),
+                               out.failure == ORV_FAILURE_AlreadyExists ? "Use --overwrite to replace it" : "");
+        return out;
+    case ORV_FAILURE_ReplyUnreadable:
         out.kind = Kind::Other;
         out.message =
             Printf("the reply (HTTP %ld) is not one a publishing server sends; check --server %s", s, o.server.c_str());
         return out;
+    case ORV_FAILURE_ReplyTooLarge:
+        out.kind = Kind::Other;
+        out.message = Printf("the reply is larger than a publishing server sends (over %s); check --server %s",
+                             FormatBytes(static_cast<double>(kMaxReplyBytes)).c_str(), o.server.c_str());
+        return out;
     default:
-        break;
+        out.kind = Kind::Other;
+        out.message = out.libraryText;
+        return out;
     }
-    out.kind = Kind::Other;
-    out.message = Printf("failed (code %d): ", code) + out.error;
-    return out;
 }
 
-template <class Attempt> Outcome Session::Retrying(const std::string& label, bool signIn, Attempt attempt)
+bool Session::WholeBodySent()
 {
+    uint64_t sent = 0;
+    uint64_t total = 0;
+    return m_handle != nullptr && OrvServerConnectionGetUploadProgress(m_handle, &sent, &total) == ORV_RESULT_Success &&
+           total > 0 && sent == total;
+}
+
+template <class Attempt> Outcome Session::Retrying(const std::string& label, Call call, Attempt attempt)
+{
+    const bool upload = call == Call::Upload;
     const Options& o = *m_settings.options;
     const auto start = std::chrono::steady_clock::now();
     Outcome out;
+    int uploads = 0;
+    bool mayHaveLanded = false; // an earlier answer to a whole upload was lost
     for (int tries = 1;; ++tries) {
-        out = Classify(m_setupResult != ORV_RESULT_Success ? m_setupResult : attempt(), signIn);
+        out = Classify(m_setupResult != ORV_RESULT_Success ? m_setupResult : attempt(), call == Call::SignIn);
         out.attempts = tries;
-        if (!out.transient || tries > o.retries || m_cancels.Interrupted())
+        const bool whole = upload && m_setupResult == ORV_RESULT_Success && WholeBodySent();
+        uploads += whole ? 1 : 0;
+        out.uploads = uploads;
+        const bool lost = whole && out.transient; // stored, perhaps, with the answer lost
+        mayHaveLanded = mayHaveLanded || lost;
+        if (!out.transient || tries > o.retries || m_cancels.Interrupted()) {
+            // Whatever the last attempt met (after a lost answer most likely a
+            // conflict: with the data source that attempt stored, or with one
+            // that was there before), nobody can tell whether the file landed.
+            if (mayHaveLanded && out.kind != Kind::Published) {
+                out.kind = Kind::Uncertain;
+                out.message = WithHint(out.message, kMayHaveLanded);
+            }
             break;
+        }
         const double wait = std::min(60.0, static_cast<double>(1L << std::min(tries - 1, 6)));
-        if (!o.quiet)
-            m_console.Err(
-                label + ": " +
-                WithHint(out.message, Printf("Trying again in %.0f s (retry %d of %ld)", wait, tries, o.retries)));
+        const std::string again =
+            lost ? Printf("The whole file was sent before the answer was lost, so it may have landed; sending it "
+                          "again in %.0f s (retry %d of %ld)",
+                          wait, tries, o.retries)
+                 : Printf("Trying again in %.0f s (retry %d of %ld)", wait, tries, o.retries);
+        if (!o.quiet || lost)
+            m_console.Err(label + ": " + WithHint(out.message, again));
         if (!m_cancels.Sleep(wait)) {
-            out.kind = Kind::Interrupted;
-            out.message = "interrupted while waiting to try again";
+            out.kind = mayHaveLanded ? Kind::Uncertain : Kind::Interrupted;
+            out.message = WithHint("interrupted while waiting to try again", mayHaveLanded ? kMayHaveLanded : "");
             break;
         }
     }
@@ -287,16 +360,18 @@ template <class Attempt> Outcome Session::Retrying(const std::string& label, boo
 Outcome Session::SignIn()
 {
     const Settings& s = m_settings;
-    return Retrying("sign-in", true, [&] {
+    const Outcome out = Retrying("sign-in", Call::SignIn, [&] {
         return OrvServerConnectionConnect(m_handle, s.server.c_str(), s.user.c_str(), s.password.c_str(),
                                           s.site.c_str());
     });
+    m_signedIn = out.kind == Kind::Published;
+    return out;
 }
 
 Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf16& name, Transfer& transfer)
 {
     m_transfer = &transfer;
-    Outcome out = Retrying(label, false, [&] {
+    Outcome out = Retrying(label, Call::Upload, [&] {
         return OrvServerConnectionPublishExtract(m_handle, path.c_str(), m_settings.project.c_str(), name.c_str(),
                                                  m_settings.options->overwrite ? 1 : 0);
     });
@@ -306,7 +381,7 @@ Outcome Session::Publish(const std::string& label, const Utf16& path, const Utf1
 
 Outcome Session::FindProject()
 {
-    Outcome out = Retrying("project", false,
+    Outcome out = Retrying("project", Call::Lookup,
                            [&] { return OrvServerConnectionFindProject(m_handle, m_settings.project.c_str()); });
     if (out.kind == Kind::Published) {
         out.kind = Kind::Checked;

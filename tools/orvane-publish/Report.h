@@ -21,16 +21,22 @@ struct Job {
 
 struct Run {
     const Options* options = nullptr;
+    std::string startUpFailure; // the library could not start: nothing was tried
     Outcome signIn;
     std::vector<Job> jobs;
+    std::string logPath; // "" when the library keeps no log
     double seconds = 0;
     int signal = 0; // SIGINT or SIGTERM when interrupted
 };
 
-// The exit status of the run (see Options.h).
+// The exit status of the run (see Options.h), before any output failed.
 int ExitStatus(const Run& run);
 // The summary: on stdout, or on stderr when interrupted; --json instead prints
-// one object on stdout.
-void Summarize(const Run& run, Console& console);
+// one object on stdout. Returns the exit status, kExitOutput when stdout
+// could not be written.
+int Summarize(const Run& run, Console& console);
+// The --json object of a usage error, alone on stdout; returns kExitUsage, or
+// kExitOutput when stdout could not be written.
+int ReportUsage(const std::string& problem);
 
 } // namespace orvpub

@@ -2,77 +2,43 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <unicode/ustring.h>
 
 namespace orvpub {
 
 bool ToUtf16(const std::string& in, Utf16& out)
 {
-    out.clear();
-    for (size_t i = 0; i < in.size();) {
-        const unsigned char c = static_cast<unsigned char>(in[i]);
-        unsigned long cp = 0;
-        size_t extra = 0;
-        if (c < 0x80) {
-            cp = c;
-        } else if ((c & 0xE0) == 0xC0) {
-            cp = c & 0x1F;
-            extra = 1;
-        } else if ((c & 0xF0) == 0xE0) {
-            cp = c & 0x0F;
-            extra = 2;
-        } else if ((c & 0xF8) == 0xF0) {
-            cp = c & 0x07;
-            extra = 3;
-        } else {
-            return false;
-        }
-        if (i + extra >= in.size() && extra > 0)
-            return false;
-        for (size_t k = 1; k <= extra; ++k) {
-            const unsigned char next = static_cast<unsigned char>(in[i + k]);
-            if ((next & 0xC0) != 0x80)
-                return false;
-            cp = (cp << 6) | (next & 0x3F);
-        }
-        static const unsigned long kMin[] = {0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-            return false;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.push_back(static_cast<unsigned short>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<unsigned short>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.push_back(static_cast<unsigned short>(cp));
-        }
-        i += extra + 1;
-    }
-    return true;
+    static_assert(sizeof(UChar) == sizeof(unsigned short), "UTF-16 units");
+    UErrorCode error = U_ZERO_ERROR;
+    int32_t length = 0;
+    u_strFromUTF8(nullptr, 0, &length, in.data(), static_cast<int32_t>(in.size()), &error);
+    if (error != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(error))
+        return false;
+    out.assign(static_cast<size_t>(length), 0);
+    error = U_ZERO_ERROR;
+    u_strFromUTF8(reinterpret_cast<UChar*>(&out[0]), length + 1, nullptr, in.data(), static_cast<int32_t>(in.size()),
+                  &error);
+    return U_SUCCESS(error);
 }
 
 std::string Narrow(const wchar_t* text)
 {
-    std::string out;
-    for (; text != nullptr && *text; ++text) {
-        unsigned long cp = static_cast<unsigned long>(*text);
-        if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-            cp = 0xFFFD;
-        if (cp < 0x80) {
-            out += static_cast<char>(cp);
-        } else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        }
-    }
-    return out;
+    static_assert(sizeof(wchar_t) == sizeof(UChar32), "wide strings hold UTF-32");
+    if (text == nullptr)
+        return "";
+    const auto* units = reinterpret_cast<const UChar32*>(text);
+    UErrorCode error = U_ZERO_ERROR;
+    int32_t length = 0;
+    u_strFromUTF32WithSub(nullptr, 0, &length, units, -1, 0xFFFD, nullptr, &error);
+    std::u16string utf16(static_cast<size_t>(length), u'\0');
+    error = U_ZERO_ERROR;
+    u_strFromUTF32WithSub(&utf16[0], length + 1, nullptr, units, -1, 0xFFFD, nullptr, &error);
+    error = U_ZERO_ERROR;
+    u_strToUTF8(nullptr, 0, &length, utf16.data(), static_cast<int32_t>(utf16.size()), &error);
+    std::string out(static_cast<size_t>(length), '\0');
+    error = U_ZERO_ERROR;
+    u_strToUTF8(&out[0], length + 1, nullptr, utf16.data(), static_cast<int32_t>(utf16.size()), &error);
+    return U_SUCCESS(error) ? out : std::string();
 }
 
 std::string WithHint(const std::string& text, const std::string& hint)
@@ -82,33 +48,28 @@ std::string WithHint(const std::string& text, const std::string& hint)
     return text + (!text.empty() && text.back() == '.' ? " " : ". ") + hint + ".";
 }
 
-std::string Json(const std::string& text)
+std::string Printable(const std::string& text)
 {
-    std::string out = "\"";
-    for (const char ch : text) {
-        const unsigned char c = static_cast<unsigned char>(ch);
-        switch (c) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\n':
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        // C1 controls (U+0080 to U+009F, "\xc2\x80" to "\xc2\x9f") start sequences too.
+        const bool c1 = c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0 &&
+                        static_cast<unsigned char>(text[i + 1]) >= 0x80;
+        if (c == '\n')
             out += "\\n";
-            break;
-        case '\r':
+        else if (c == '\r')
             out += "\\r";
-            break;
-        case '\t':
+        else if (c == '\t')
             out += "\\t";
-            break;
-        default:
-            // Other bytes of UTF-8 pass as they are; control characters escaped.
-            out += c < 0x20 ? Printf("\\u%04x", c) : std::string(1, ch);
-        }
+        else if (c < 0x20 || c == 0x7F)
+            out += Printf("\\u%04x", c);
+        else if (c1)
+            out += Printf("\\u%04x", static_cast<unsigned char>(text[++i]));
+        else
+            out += text[i];
     }
-    return out + "\"";
+    return out;
 }
 
 std::string FormatBytes(double bytes)

@@ -9,10 +9,12 @@
 #include "Options.h"
 #include "Publisher.h"
 #include "Report.h"
+#include "Startup.h"
 #include "Text.h"
 
 #include <orvane/OrvaneServerExt.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -20,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <memory>
 #include <poll.h>
 #include <set>
@@ -96,8 +99,12 @@ bool Secret(const char* variable, const std::string& prompt, bool fromStdin, std
         value = Chomp(line);
         return true;
     }
-    if (const char* fromEnv = std::getenv(variable)) {
+    if (char* fromEnv = std::getenv(variable)) {
         value = fromEnv;
+        // Gone from the environment and from the process's memory, where
+        // /proc/PID/environ would show it to anyone who may read that.
+        std::memset(fromEnv, 0, value.size());
+        unsetenv(variable);
         return true;
     }
     const int tty = open("/dev/tty", O_RDWR | O_CLOEXEC);
@@ -135,67 +142,100 @@ std::string Stem(const std::string& path)
     return dot != std::string::npos && dot > 0 ? name.erase(dot) : name;
 }
 
-// Checks every file before anything is sent; false after saying why.
+// Why the file cannot be published, "" when it can.
+std::string Unusable(const std::string& file, struct stat& st)
+{
+    if (stat(file.c_str(), &st) != 0)
+        return std::strerror(errno);
+    if (S_ISDIR(st.st_mode))
+        return "is a directory; name the .qrx files in it";
+    if (file.size() < 4 || file.compare(file.size() - 4, 4, ".qrx") != 0)
+        return "is not a .qrx file (the extension is lower-case .qrx)";
+    if (!S_ISREG(st.st_mode) || access(file.c_str(), R_OK) != 0)
+        return "cannot be read";
+    return "";
+}
+
+// Checks every file before anything is sent; false after saying why. An
+// unusable file stays in the run with its reason, for --json.
 bool CheckFiles(const Options& o, std::vector<Job>& jobs)
 {
     bool usable = true;
     std::set<std::pair<dev_t, ino_t>> seen;
-    for (const std::string& file : o.files) {
-        struct stat st {};
-        std::string problem;
-        if (stat(file.c_str(), &st) != 0)
-            problem = std::strerror(errno);
-        else if (S_ISDIR(st.st_mode))
-            problem = "is a directory; name the .qrx files in it";
-        else if (file.size() < 4 || file.compare(file.size() - 4, 4, ".qrx") != 0)
-            problem = "is not a .qrx file (the extension is lower-case .qrx)";
-        else if (!S_ISREG(st.st_mode) || access(file.c_str(), R_OK) != 0)
-            problem = "cannot be read";
-        if (!problem.empty()) {
-            std::fprintf(stderr, "orvane-publish: %s: %s\n", file.c_str(), problem.c_str());
-            usable = false;
-            continue;
-        }
-        if (!seen.insert({st.st_dev, st.st_ino}).second) {
-            std::fprintf(stderr, "orvane-publish: warning: %s given more than once; published once\n", file.c_str());
-            continue;
-        }
+    std::map<std::string, std::string> byName; // data source name -> the file published as it
+    for (size_t i = 0; i < o.files.size(); ++i) {
         Job job;
-        job.path = file;
-        job.name = o.name.empty() ? Stem(file) : o.name;
+        job.path = o.files[i];
+        job.name = o.names.empty() ? Stem(job.path) : o.names[i];
+        struct stat st {};
+        std::string problem = Unusable(job.path, st);
+        std::string error = "ExtractUnusable";
+        if (problem.empty() && !seen.insert({st.st_dev, st.st_ino}).second) {
+            std::fprintf(stderr, "orvane-publish: warning: %s given more than once; published once\n",
+                         Printable(job.path).c_str());
+            continue;
+        }
+        if (problem.empty() && (!ToUtf16(job.path, job.path16) || !ToUtf16(job.name, job.name16)))
+            problem = "is not UTF-8 text";
+        if (problem.empty() && !byName.emplace(job.name, job.path).second) {
+            // Published one after the other, the second would replace the first.
+            problem = "would be published as \"" + job.name + "\" like " + byName[job.name] +
+                      "; give each file its own --name";
+            error = "Usage";
+        }
         job.bytes = static_cast<uint64_t>(st.st_size);
-        if (!ToUtf16(file, job.path16) || !ToUtf16(job.name, job.name16))
-            return Usage("not UTF-8 text: " + file), false;
+        if (!problem.empty()) {
+            std::fprintf(stderr, "orvane-publish: %s: %s\n", Printable(job.path).c_str(), Printable(problem).c_str());
+            job.outcome.kind = Kind::Unusable;
+            job.outcome.error = error;
+            job.outcome.message = problem;
+            usable = false;
+        }
         jobs.push_back(std::move(job));
     }
     return usable;
 }
 
-std::string LogPath()
+// The files not tried once the project was found missing share its refusal.
+void NotSentForMissingProject(std::vector<Job>& jobs)
 {
-    const char* dir = std::getenv("ORV_SDK_LOGDIR");
-    std::string path = dir != nullptr && *dir ? dir : "";
-    if (path.empty()) {
-        char cwd[4096];
-        path = getcwd(cwd, sizeof cwd) != nullptr ? cwd : ".";
-    }
-    return path + "/OrvaneSDKServer.log";
+    const auto missing = std::find_if(
+        jobs.begin(), jobs.end(), [](const Job& job) { return job.outcome.failure == ORV_FAILURE_ProjectNotFound; });
+    Outcome notSent = missing->outcome;
+    notSent.attempts = 0;
+    notSent.uploads = 0;
+    notSent.seconds = 0;
+    for (Job& job : jobs)
+        if (job.outcome.kind == Kind::NotStarted)
+            job.outcome = notSent;
 }
 
-// Publishes files until none is left or a signal came; one session per worker.
-void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancels, Console& console)
+// What the workers of a batch share.
+struct Batch {
+    std::atomic<size_t> next{0};             // the next job to take
+    std::atomic<bool> projectMissing{false}; // no file can be published: stop
+};
+
+// Publishes files until none is left, a signal came or the project turned
+// out not to exist; one session per worker.
+void Work(Session& session, Run& run, Batch& batch, Cancels& cancels, Console& console)
 {
     const Options& o = *run.options;
     Transfer transfer;
-    for (size_t i; !cancels.Interrupted() && (i = next++) < run.jobs.size();) {
+    for (size_t i; !cancels.Interrupted() && !batch.projectMissing && (i = batch.next++) < run.jobs.size();) {
         Job& job = run.jobs[i];
         const size_t slash = job.path.find_last_of('/');
-        transfer.label = slash == std::string::npos ? job.path : job.path.substr(slash + 1);
+        transfer.label = Printable(slash == std::string::npos ? job.path : job.path.substr(slash + 1));
+        transfer.bytes = job.bytes;
         console.Start(transfer);
         job.outcome = session.Publish(job.path, job.path16, job.name16, transfer);
         console.Finish(transfer);
         const Outcome& out = job.outcome;
-        if (out.kind == Kind::Published) {
+        if (out.failure == ORV_FAILURE_ProjectNotFound) {
+            // Every file would meet the same refusal: told once.
+            if (!batch.projectMissing.exchange(true))
+                console.Err(out.message);
+        } else if (out.kind == Kind::Published) {
             console.Out(Printf("published %s -> %s/%s (%s in %.2f s, %s)", job.path.c_str(), o.project.c_str(),
                                job.name.c_str(), FormatBytes(static_cast<double>(job.bytes)).c_str(), out.seconds,
                                FormatRate(out.seconds > 0 ? job.bytes / out.seconds : 0).c_str()));
@@ -204,7 +244,7 @@ void Work(Session& session, Run& run, std::atomic<size_t>& next, Cancels& cancel
         }
         if (o.verbose && out.kind != Kind::Published)
             console.Err(Printf("%s: library result %d, HTTP status %ld, %d attempt(s): %s", job.path.c_str(), out.code,
-                               out.status, out.attempts, out.error.c_str()));
+                               out.status, out.attempts, out.libraryText.c_str()));
     }
 }
 
@@ -218,8 +258,16 @@ int main(int argc, char** argv)
         return parsed;
     Run run;
     run.options = &o;
-    if (!CheckFiles(o, run.jobs))
-        return kExitUsage;
+    // The tool's own exit status tells a lost write, not a signal.
+    std::signal(SIGPIPE, SIG_IGN);
+    uint64_t bytes = 0;
+    const bool usable = CheckFiles(o, run.jobs);
+    for (const Job& job : run.jobs)
+        bytes += job.bytes;
+    // The meter only for a person watching; with several jobs one line for the batch.
+    Console console(!o.quiet && isatty(STDERR_FILENO), o.jobs > 1, !o.quiet && !o.json, run.jobs.size(), bytes);
+    if (!usable)
+        return Summarize(run, console);
     if (!InstallSignals())
         return std::perror("orvane-publish: signals"), kExitOther;
 
@@ -236,14 +284,17 @@ int main(int argc, char** argv)
         !ToUtf16(proxyPassword, settings.proxyPassword))
         return Usage("arguments and passwords must be UTF-8 text");
 
-    // The meter only for a person watching; with several jobs one combined line.
-    Console console(!o.quiet && isatty(STDERR_FILENO), o.jobs > 1, !o.quiet && !o.json, run.jobs.size());
-    if (o.verbose)
-        console.Err("the library's log: " + LogPath());
-    if (OrvServerAPIInitialize() != ORV_RESULT_Success) {
-        console.Err("library start-up failed: " + Narrow(OrvGetLastErrorMessage()));
-        return kExitOther;
+    const Started started = StartLibrary();
+    for (const std::string& warning : started.warnings)
+        console.Err("warning: " + warning);
+    run.logPath = started.logPath;
+    if (!started.ok) {
+        run.startUpFailure = "library start-up failed: " + started.failure;
+        console.Err(run.startUpFailure);
+        return Summarize(run, console);
     }
+    if (o.verbose)
+        console.Err("the library's log: " + (run.logPath.empty() ? "none" : run.logPath));
     Cancels cancels; // a signal that came before the monitor starts waits in the pipe
     std::thread monitor(Monitor, std::ref(console), std::ref(cancels));
     const auto start = std::chrono::steady_clock::now();
@@ -258,7 +309,7 @@ int main(int argc, char** argv)
                 console.Err("sign-in: " + run.signIn.message);
             if (o.verbose)
                 console.Err(Printf("sign-in: library result %d, HTTP status %ld: %s", run.signIn.code,
-                                   run.signIn.status, run.signIn.error.c_str()));
+                                   run.signIn.status, run.signIn.libraryText.c_str()));
         } else if (o.dryRun) {
             const Outcome checked = first.FindProject();
             for (Job& job : run.jobs)
@@ -266,7 +317,7 @@ int main(int argc, char** argv)
             if (checked.kind != Kind::Checked && checked.kind != Kind::Interrupted)
                 console.Err(checked.message);
         } else {
-            std::atomic<size_t> next{0};
+            Batch batch;
             std::vector<std::thread> workers;
             const size_t extra = std::min<size_t>(static_cast<size_t>(o.jobs), run.jobs.size()) - 1;
             for (size_t w = 0; w < extra; ++w)
@@ -274,13 +325,15 @@ int main(int argc, char** argv)
                     Session session(settings, cancels, console);
                     const Outcome signIn = session.SignIn();
                     if (signIn.kind == Kind::Published)
-                        Work(session, run, next, cancels, console);
+                        Work(session, run, batch, cancels, console);
                     else if (o.verbose)
                         console.Err("an extra session could not sign in: " + signIn.message);
                 });
-            Work(first, run, next, cancels, console);
+            Work(first, run, batch, cancels, console);
             for (std::thread& worker : workers)
                 worker.join();
+            if (batch.projectMissing)
+                NotSentForMissingProject(run.jobs);
         }
     } // every session signed out and closed
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -289,6 +342,5 @@ int main(int argc, char** argv)
     monitor.join();
     OrvServerAPICleanup();
     run.signal = g_signal;
-    Summarize(run, console);
-    return ExitStatus(run);
+    return Summarize(run, console);
 }
