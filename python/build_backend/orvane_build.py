@@ -111,13 +111,31 @@ def _build_library(build_dir):
         found[name] = path.resolve()
     with tempfile.TemporaryDirectory() as staging:
         script = Path(staging) / "rpath.cmake"
-        lines = []
         for name, path in found.items():
             shutil.copyfile(path, Path(staging) / name)
-            lines.append(f'file(RPATH_SET FILE "{Path(staging) / name}" NEW_RPATH "$ORIGIN")\n')
-        script.write_text("".join(lines), encoding="utf-8")
+        # Only libOrvaneServer has a run path (to libOrvaneCommon's build directory); CMake's own ELF editor
+        # points it at its new neighbour.
+        server = Path(staging) / "libOrvaneServer.so.1"
+        script.write_text(f'file(RPATH_SET FILE "{server}" NEW_RPATH "$ORIGIN")\n', encoding="utf-8")
         _run([cmake, "-P", script])
         return {name: (Path(staging) / name).read_bytes() for name in found}
+
+
+def _dist_info(directory):
+    metadata, stem = _metadata()
+    dist_info = Path(directory) / f"{stem}.dist-info"
+    dist_info.mkdir(parents=True, exist_ok=True)
+    (dist_info / "METADATA").write_text(metadata, encoding="utf-8")
+    return dist_info.name
+
+
+def prepare_metadata_for_build_wheel(metadata_directory, config_settings=None):
+    # Without it pip would build the whole wheel, library included, to read the metadata.
+    return _dist_info(metadata_directory)
+
+
+def prepare_metadata_for_build_editable(metadata_directory, config_settings=None):
+    return _dist_info(metadata_directory)
 
 
 def build_wheel(wheel_directory, config_settings=None, metadata_directory=None):

@@ -31,7 +31,7 @@ __version__ = "1.2.0"
 __all__ = ["Session", "PublishResult", "Failure", "PublishError", "LibraryError", "SignInError", "ProjectNotFound",
            "ExtractFileError", "ExtractNotFound", "ExtractIsADirectory", "ExtractNotUsable", "AlreadyExists",
            "TransferError", "ConnectError", "TlsError", "ServerError", "TimedOut", "Cancelled", "BatchError",
-           "library_version", "DEFAULT_MAX_REPLY_SIZE"]
+           "library_version", "log_path", "DEFAULT_MAX_REPLY_SIZE"]
 
 Progress = Callable[[int, int], Any]
 BatchProgress = Callable[[str, int, int], Any]
@@ -63,6 +63,16 @@ def library_version() -> str:
     """The loaded libOrvaneServer's version, "MAJOR.MINOR.PATCH"."""
     version: bytes = _native.library().OrvServerAPIGetVersion()
     return version.decode()
+
+
+def log_path() -> Optional[str]:
+    """The library's log file, once a Session has started the library (None
+    before, or when no log could be opened)."""
+    lib = _native.library()
+    if not _native.has("OrvServerAPIGetLogPath"):
+        return None
+    path: Optional[bytes] = lib.OrvServerAPIGetLogPath()
+    return None if path is None else os.fsdecode(path)
 
 
 def _text(path: Union[StrPath, bytes], what: str = "path") -> str:

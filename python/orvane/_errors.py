@@ -57,8 +57,14 @@ class PublishError(Exception):
         super().__init__(self._line())
 
     def _line(self) -> str:
-        if self.reason:
-            text = f"{self.message or 'refused by the server'} (HTTP {self.http_status}): {self.reason}"
+        if self.reason:  # the server's own words say more than the library's "Server Response Code"
+            if self.failure == Failure.SIGN_IN_REFUSED:
+                what = "sign-in refused"
+            elif self.http_status >= 500:
+                what = "the server failed"
+            else:
+                what = "refused by the server"
+            text = f"{what} (HTTP {self.http_status}): {self.reason}"
         else:
             text = self.message or f"failed (code {self.code})"
         if not self.hint:

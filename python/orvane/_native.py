@@ -133,6 +133,9 @@ def _load() -> ctypes.CDLL:
         lib.OrvGetLastErrorMessage.restype = c_wchar_p
         lib.OrvServerAPIGetVersion.argtypes = ()
         lib.OrvServerAPIGetVersion.restype = c_char_p
+        if hasattr(lib, "OrvServerAPIGetLogPath"):
+            lib.OrvServerAPIGetLogPath.argtypes = ()
+            lib.OrvServerAPIGetLogPath.restype = c_char_p
     except AttributeError as e:
         raise LibraryError(0, f"{path} is older than this package needs (1.1 or later): {e}") from None
     return lib

@@ -1,5 +1,8 @@
 """The orvane package against the reference server (ORVANE_REFERENCE_SERVER), through ORVANE_LIBRARY."""
+import dataclasses
 import hashlib
+import json
+import logging
 import os
 import signal
 import socket
@@ -25,7 +28,9 @@ signal.signal(signal.SIGINT, signal.default_int_handler)  # as at a terminal, al
 
 class Server:
     def __init__(self, folder):
-        self.folder, self.url, self.listeners = folder, "", []
+        self.folder = folder
+        self.url = ""
+        self.listeners = []
 
     def extract(self, name, size):
         (self.folder / name).write_bytes(os.urandom(size))
@@ -70,54 +75,138 @@ def server(tmp_path, monkeypatch):
         process.wait(10)
 
 
-def test_publish_stores_the_bytes_and_reports_progress(server):
-    first, second, calls = server.extract("q1.qrx", 300_000), server.extract("q1-new.qrx", 70_000), []
+def test_publish_stores_the_bytes_reports_progress_and_returns_a_result(server, caplog):
+    caplog.set_level(logging.DEBUG, logger="orvane")
+    first = server.extract("q1.qrx", 300_000)
+    second = server.extract("q1-new.qrx", 70_000)
+    calls = []
     with server.session() as s:
-        s.publish(first, "Samples", progress=lambda sent, total: calls.append((sent, total)))
+        result = s.publish(first, "Samples", progress=lambda sent, total: calls.append((sent, total)))
         s.publish(first, project="Samples", name="Quartal ü 1")
         s.publish(second, project="Samples", name="q1", overwrite=True)
     assert server.published() == {("Samples", "q1"): digest(second), ("Samples", "Quartal ü 1"): digest(first)}
+    assert dataclasses.replace(result, seconds=0) == orvane.PublishResult(str(first), "q1", "Samples", 300_000, 0, 201)
     total = calls[-1][1]  # the whole body: the file and the multipart envelope
-    assert calls[0] == (0, total) and calls[-1] == (total, total) and 300_000 < total < 302_000
-    assert {t for _, t in calls} == {total} and len(calls) == 2 + 300_000 // 65536
+    assert calls[0] == (0, total)
+    assert calls[-1] == (total, total)
+    assert 300_000 < total < 302_000
+    assert {t for _, t in calls} == {total}
+    assert len(calls) == 2 + 300_000 // 65536
     assert all(0 < b - a <= 65536 for (a, _), (b, _) in zip(calls, calls[1:]))
+    assert any("q1.qrx" in record.getMessage() for record in caplog.records)  # the library's log, routed
 
 
-def publish(server, path, project="Samples", times=1, progress=None):
+def publish(server, path, project="Samples", times=1):
     with server.session() as s:
         for _ in range(times):
-            s.publish(path, project, progress=progress)
+            s.publish(path, project)
 
 
-FAILURES = {  # situation: (action, class, code, HTTP status, text in str(error))
-    "password refused": (lambda srv: orvane.Session(srv.url, "demo", "wrong"), orvane.SignInError, 401, 401,
-                         "Signin Error: Wrong user name, password or site."),
-    "no such project": (lambda srv: publish(srv, srv.extract("a.qrx", 10), "Nowhere"), orvane.ProjectNotFound,
-                        303, 200, 'Project "Nowhere" doesn\'t exist on server'),
-    "not an extract": (lambda srv: publish(srv, srv.extract("a.csv", 10)), orvane.ExtractFileError, 303, 0,
-                       'a.csv" is either invalid or doesn\'t exist'),
-    "name taken": (lambda srv: publish(srv, srv.extract("a.qrx", 10), times=2), orvane.AlreadyExists, 401, 409,
-                   'named "a" already exists'),
-    "nothing listening": (lambda srv: orvane.Session("http://127.0.0.1:1", "demo", "pw"), orvane.TransferError, 400,
-                          0, "connect"),
-    "server silent": (lambda srv: orvane.Session(f"http://127.0.0.1:{srv.silent().getsockname()[1]}", "demo", "pw",
-                                                 stall_timeout=1), orvane.TimedOut, 501, 0, ""),
-    "not the API": (lambda srv: orvane.Session(srv.url + "/elsewhere", "demo", "pw"), orvane.ServerError, 401, 404,
-                    "Not Found"),
-    "bad option": (lambda srv: srv.session(upload_buffer_size=1), orvane.PublishError, 1, 0, "Invalid argument"),
+def sign_in_at(port, **options):
+    return orvane.Session(f"http://127.0.0.1:{port}", "demo", "pw", **options)
+
+
+def unused_port():
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        return listener.getsockname()[1]
+
+
+@dataclasses.dataclass
+class Failing:
+    action: object
+    cls: type
+    builtin: type  # the built-in error it also is
+    code: int
+    status: int
+    text: str  # a piece of str(error)
+
+
+FAILURES = {
+    "password refused": Failing(lambda srv: orvane.Session(srv.url, "demo", "wrong"), orvane.SignInError, Exception,
+                                401, 401, "sign-in refused (HTTP 401): Signin Error: Wrong user name, password or site."
+                                " Check the user name, the password and the site."),
+    "no such project": Failing(lambda srv: publish(srv, srv.extract("a.qrx", 10), "Nowhere"), orvane.ProjectNotFound,
+                               Exception, 303, 200, "doesn't exist on server. Project names are case-sensitive."),
+    "not an extract": Failing(lambda srv: publish(srv, srv.extract("a.csv", 10)), orvane.ExtractNotUsable, ValueError,
+                              303, 0, 'a.csv" is either invalid'),
+    "no such file": Failing(lambda srv: publish(srv, srv.folder / "gone.qrx"), orvane.ExtractNotFound,
+                            FileNotFoundError, 303, 0, 'gone.qrx" is either invalid'),
+    "a directory": Failing(lambda srv: publish(srv, srv.folder / "data"), orvane.ExtractIsADirectory,
+                           IsADirectoryError, 303, 0, 'data" is either invalid'),
+    "name taken": Failing(lambda srv: publish(srv, srv.extract("a.qrx", 10), times=2), orvane.AlreadyExists,
+                          Exception, 401, 409, 'refused by the server (HTTP 409): Resource Conflict: A data source named "a" already exists'
+                          ' in project "Samples". Use overwrite=True to replace it.'),
+    "nothing listening": Failing(lambda srv: sign_in_at(unused_port()), orvane.ConnectError, Exception, 400, 0,
+                                 "Check the server's address."),
+    "TLS to plain HTTP": Failing(lambda srv: orvane.Session(srv.url.replace("http:", "https:"), "demo", "pw"),
+                                 orvane.TlsError, Exception, 400, 0, "ca_file="),
+    "server silent": Failing(lambda srv: sign_in_at(srv.silent().getsockname()[1], stall_timeout=1), orvane.TimedOut,
+                             TimeoutError, 501, 0, "stall_timeout=1 ran out"),
+    "not the API": Failing(lambda srv: orvane.Session(srv.url + "/elsewhere", "demo", "pw"), orvane.ServerError,
+                           Exception, 401, 404, "Not Found"),
+    "bad option": Failing(lambda srv: srv.session(upload_buffer_size=1), orvane.PublishError, Exception, 1, 0,
+                          "Invalid argument"),
 }
 
 
-@pytest.mark.parametrize("action, cls, code, status, text", FAILURES.values(), ids=FAILURES.keys())
-def test_each_failure_raises_its_class(server, action, cls, code, status, text):
+@pytest.mark.parametrize("case", FAILURES.values(), ids=FAILURES.keys())
+def test_each_failure_raises_its_class(server, case):
     with pytest.raises(orvane.PublishError) as raised:
-        action(server)
-    assert (type(raised.value), raised.value.code, raised.value.http_status) == (cls, code, status)
-    assert text in str(raised.value)
+        case.action(server)
+    assert type(raised.value) is case.cls
+    assert isinstance(raised.value, case.builtin)
+    assert raised.value.code == case.code
+    assert raised.value.http_status == case.status
+    assert case.text in str(raised.value)
+
+
+MISUSE = {  # what is wrong: (call on a signed-in session, error, piece of its text)
+    "project None": (lambda s, path: s.publish(path, None), TypeError, "project must be a str, not NoneType"),
+    "name not a str": (lambda s, path: s.publish(path, "Samples", 7), TypeError, "name must be a str, not int"),
+    "path None": (lambda s, path: s.publish(None, "Samples"), TypeError, "path must be a str or os.PathLike"),
+    "limit as text": (lambda s, path: orvane.Session("http://x", "u", "p", stall_timeout="5"), TypeError,
+                      "stall_timeout must be an int, not str"),
+    "negative limit": (lambda s, path: orvane.Session("http://x", "u", "p", total_timeout=-1), ValueError,
+                       "total_timeout must not be negative"),
+    "unknown redirects": (lambda s, path: orvane.Session("http://x", "u", "p", redirects="some"), ValueError,
+                          "redirects must be one of"),
+    "no jobs": (lambda s, path: s.publish_many([path], "Samples", jobs=0), ValueError, "jobs must be at least 1"),
+    "same name twice": (lambda s, path: s.publish_many([path, path.parent / "x" / path.name], "Samples"), ValueError,
+                        'would both be published as "a"'),
+}
+
+
+@pytest.mark.parametrize("call, error, text", MISUSE.values(), ids=MISUSE.keys())
+def test_misuse_is_refused_before_anything_is_sent(server, call, error, text):
+    path = server.extract("a.qrx", 10)
+    with server.session() as s:
+        with pytest.raises(error, match=text):
+            call(s, path)
+    assert server.published() == {}
+
+
+def test_publish_many_reports_the_failures_of_a_batch(server):
+    paths = [server.extract(f"b{i}.qrx", 200_000) for i in range(3)]
+    paths.insert(1, server.folder / "missing.qrx")
+    seen = set()
+    with server.session() as s:
+        with pytest.raises(orvane.BatchError) as raised:
+            s.publish_many(paths, "Samples", jobs=2, progress=lambda path, sent, total: seen.add(path))
+        again = s.publish_many(paths, "Samples", overwrite=True, raise_on_error=False)
+    assert [path for path, _ in raised.value.failures] == [str(paths[1])]
+    assert isinstance(raised.value.failures[0][1], FileNotFoundError)
+    assert str(raised.value).startswith("1 of 4 extracts failed\n")
+    assert [type(result) for result in again] == [type(result) for result in raised.value.results]
+    assert [type(result) for result in again] == [orvane.PublishResult, orvane.ExtractNotFound] + [
+        orvane.PublishResult] * 2
+    assert [result.name for result in again if isinstance(result, orvane.PublishResult)] == ["b0", "b1", "b2"]
+    assert seen == {str(path) for path in paths if path.exists()}
+    assert server.published() == {("Samples", path.stem): digest(path) for path in paths if path.exists()}
 
 
 def cancel_from_another_thread(session):  # as a stop button would
-    (canceller := threading.Thread(target=session.cancel)).start()
+    canceller = threading.Thread(target=session.cancel)
+    canceller.start()
     canceller.join()
 
 
@@ -147,17 +236,19 @@ def test_ctrl_c_while_the_server_is_silent_cancels_the_wait(server):
     interrupter = threading.Thread(target=interrupt_once_asked)
     interrupter.start()
     with pytest.raises(KeyboardInterrupt):  # not TimedOut: the cancel came first
-        orvane.Session(f"http://127.0.0.1:{listener.getsockname()[1]}", "demo", "pw", stall_timeout=30)
+        sign_in_at(listener.getsockname()[1], stall_timeout=30)
     interrupter.join()
 
 
 def test_four_threads_publish_at_once(server):
     paths = [server.extract(f"t{i}.qrx", 1 << 20) for i in range(4)]
-    in_flight, errors = threading.Barrier(5, timeout=60), []  # the four uploads and this thread
+    in_flight = threading.Barrier(5, timeout=60)  # the four uploads and this thread
+    errors = []
 
     def publish_one(path):
         try:  # each upload waits mid-body until all four are under way
-            publish(server, path, progress=lambda sent, total: sent == 65536 and in_flight.wait())
+            with server.session() as s:
+                s.publish(path, "Samples", progress=lambda sent, total: sent == 65536 and in_flight.wait())
         except BaseException as e:
             errors.append(e)
 
@@ -167,20 +258,43 @@ def test_four_threads_publish_at_once(server):
     in_flight.wait()
     for t in threads:
         t.join(120)
-    assert errors == [] and not any(t.is_alive() for t in threads)
+    assert errors == []
+    assert not any(t.is_alive() for t in threads)
     assert server.published() == {("Samples", f"t{i}"): digest(p) for i, p in enumerate(paths)}
 
 
-def test_pip_installs_offline_and_finds_the_library_in_the_prefix(tmp_path):
-    venv, version = tmp_path / "venv", f"python{sys.version_info[0]}.{sys.version_info[1]}"
+# Run by the installed package, in an empty working directory: publishes, then
+# shows which library files the process mapped and where the log went.
+INSTALLED_SCRIPT = """
+import json, sys, orvane
+with orvane.Session(sys.argv[1], "demo", "demo-password") as s:
+    result = s.publish(sys.argv[2], project="Samples", name="Q1", overwrite=True)
+maps = open("/proc/self/maps").read().split()
+print(json.dumps({"status": result.http_status, "log": orvane.log_path(),
+                  "mapped": sorted({m for m in maps if "libOrvane" in m})}))
+"""
+
+
+def test_the_wheel_carries_its_library(server, tmp_path):
+    venv = tmp_path / "venv"
     subprocess.run([sys.executable, "-m", "venv", str(venv)], check=True, timeout=120)
     python = str(venv / "bin" / "python")
-    subprocess.run([python, "-m", "pip", "install", "-q", "--no-index", "--no-cache-dir", str(SOURCE / "python")],
-                   check=True, timeout=120)
-    os.symlink(os.environ["ORVANE_LIBRARY"], venv / "lib" / "libOrvaneServer.so.1")
-    env = {k: v for k, v in os.environ.items() if k not in ("ORVANE_LIBRARY", "PYTHONPATH")}
-    shown = subprocess.run([python, "-c", "import orvane; print(orvane.__file__, orvane.library_version(), "
-                            "orvane._native.library()._name)"], cwd=tmp_path, env=env, capture_output=True,
-                           text=True, check=True, timeout=60).stdout.split()
-    assert shown == [str(venv / "lib" / version / "site-packages" / "orvane" / "__init__.py"), "1.2.0",
-                     str(venv / "lib" / "libOrvaneServer.so.1")]
+    build_dir = os.environ.get("ORVANE_BUILD_DIR", str(SOURCE / "build"))  # already built: the wheel compiles nothing
+    subprocess.run([python, "-m", "pip", "install", "-q", "--no-index", "--no-cache-dir", "--config-settings",
+                    f"build-dir={build_dir}", str(SOURCE / "python")], check=True, timeout=240)
+    package = next(venv.glob("lib/python3*/site-packages/orvane"))
+    wheel = next(venv.glob("lib/python3*/site-packages/orvane-*.dist-info/WHEEL")).read_text()
+    empty = tmp_path / "empty"
+    empty.mkdir()
+    hidden = ("ORVANE_LIBRARY", "LD_LIBRARY_PATH", "PYTHONPATH", "ORV_SDK_LOGDIR")
+    env = {k: v for k, v in os.environ.items() if k not in hidden}
+    env["XDG_STATE_HOME"] = str(tmp_path / "state")
+    shown = subprocess.run([python, "-c", INSTALLED_SCRIPT, server.url, str(server.extract("q.qrx", 1000))], cwd=empty,
+                           env=env, capture_output=True, text=True, check=True, timeout=60).stdout
+    assert f"Tag: py3-none-{sys.platform}_" in wheel
+    assert json.loads(shown) == {"status": 201, "log": str(tmp_path / "state" / "orvane" / "OrvaneSDKServer.log"),
+                                 "mapped": [str(package / "libOrvaneCommon.so.1"),
+                                            str(package / "libOrvaneServer.so.1")]}
+    assert (tmp_path / "state" / "orvane").stat().st_mode & 0o777 == 0o700
+    assert list(empty.iterdir()) == []
+    assert list(server.published()) == [("Samples", "Q1")]
