@@ -232,7 +232,7 @@ def make_error(code: int, message: str, status: int, reason: str, failure: Failu
     if failure in _LIMITS:
         name = _LIMITS[failure]
         seconds = (limits or {}).get(name)
-        hint = f"{name}={seconds} ran out" if seconds else f"the {name.replace('_', ' ')} ran out"
+        hint = f"The {name} of {seconds} s ran out" if seconds else f"The library's {name.replace('_', ' ')} ran out"
     return _BY_KIND.get(failure, PublishError)(code, message, status, reason, failure, transient, hint)
 
 

@@ -141,7 +141,7 @@ FAILURES = {
     "TLS to plain HTTP": Failing(lambda srv: orvane.Session(srv.url.replace("http:", "https:"), "demo", "pw"),
                                  orvane.TlsError, Exception, 400, 0, "ca_file="),
     "server silent": Failing(lambda srv: sign_in_at(srv.silent().getsockname()[1], stall_timeout=1), orvane.TimedOut,
-                             TimeoutError, 501, 0, "stall_timeout=1 ran out"),
+                             TimeoutError, 501, 0, "The stall_timeout of 1 s ran out."),
     "not the API": Failing(lambda srv: orvane.Session(srv.url + "/elsewhere", "demo", "pw"), orvane.ServerError,
                            Exception, 401, 404, "Not Found"),
     "bad option": Failing(lambda srv: srv.session(upload_buffer_size=1), orvane.PublishError, Exception, 1, 0,
@@ -261,6 +261,24 @@ def test_four_threads_publish_at_once(server):
     assert errors == []
     assert not any(t.is_alive() for t in threads)
     assert server.published() == {("Samples", f"t{i}"): digest(p) for i, p in enumerate(paths)}
+
+
+LOOKUPS = {  # ORVANE_LIBRARY: what the package says
+    "the build directory": (lambda tmp: os.path.dirname(os.environ["ORVANE_LIBRARY"]), "1.2.0"),
+    "nothing there": (lambda tmp: str(tmp / "none"), "LibraryError True"),
+}
+
+
+@pytest.mark.parametrize("where, shown", LOOKUPS.values(), ids=LOOKUPS.keys())
+def test_the_library_is_found_through_orvane_library(tmp_path, where, shown):
+    script = ("import orvane\n"
+              "try:\n"
+              "    print(orvane.library_version())\n"
+              "except orvane.LibraryError as e:\n"
+              "    print(type(e).__name__, isinstance(e, OSError))\n")
+    env = dict(os.environ, ORVANE_LIBRARY=where(tmp_path), PYTHONPATH=str(SOURCE / "python"))
+    result = subprocess.run([sys.executable, "-c", script], env=env, capture_output=True, text=True, timeout=60)
+    assert result.stdout.strip() == shown
 
 
 # Run by the installed package, in an empty working directory: publishes, then
