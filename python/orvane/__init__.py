@@ -20,7 +20,7 @@ import socket
 import threading
 import time
 import weakref
-from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Sequence, Tuple, Union
+from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Tuple, Union
 
 from . import _native
 from ._errors import (AlreadyExists, BatchError, Cancelled, ConnectError, ExtractFileError, ExtractIsADirectory,

@@ -4,7 +4,7 @@ from __future__ import annotations
 import enum
 import errno
 import os
-from typing import Any, Dict, List, Optional, Sequence, Tuple, Type, Union
+from typing import Any, Dict, Optional, Sequence, Tuple, Type
 
 
 class Failure(enum.IntEnum):
@@ -235,7 +235,3 @@ def make_error(code: int, message: str, status: int, reason: str, failure: Failu
         hint = f"The {name} of {seconds} s ran out" if seconds else f"The library's {name.replace('_', ' ')} ran out"
     return _BY_KIND.get(failure, PublishError)(code, message, status, reason, failure, transient, hint)
 
-
-def failure_list(results: Sequence[Union[Any, BaseException]], paths: Sequence[str]) -> List[Tuple[str, BaseException]]:
-    """(path, exception) for each result that is an exception."""
-    return [(path, result) for path, result in zip(paths, results) if isinstance(result, BaseException)]
