@@ -1,4 +1,5 @@
 """The orvane package against the reference server (ORVANE_REFERENCE_SERVER), through ORVANE_LIBRARY."""
+import contextlib
 import dataclasses
 import hashlib
 import json
@@ -53,26 +54,50 @@ def digest(path):
     return path.stat().st_size, hashlib.sha256(path.read_bytes()).hexdigest()
 
 
+@contextlib.contextmanager
+def serving(command, port_file):
+    """Runs a loopback server until the block ends; yields its URL once it has written its port."""
+    process = subprocess.Popen(command)
+    try:
+        for _ in range(400):
+            if port_file.exists() and port_file.read_text().strip() or process.poll() is not None:
+                break
+            time.sleep(0.05)
+        yield f"http://127.0.0.1:{port_file.read_text().strip()}"
+    finally:
+        process.terminate()
+        process.wait(10)
+
+
 @pytest.fixture
 def server(tmp_path, monkeypatch):
     monkeypatch.setenv("ORV_SDK_LOGDIR", str(tmp_path))  # read when the library starts, in the first test
     script = os.environ.get("ORVANE_REFERENCE_SERVER", str(SOURCE / "tools" / "orvane-reference-server"))
     port = tmp_path / "port"
-    process = subprocess.Popen([sys.executable, script, "--host", "127.0.0.1", "--port", "0", "--port-file", str(port),
-                                "--data-dir", str(tmp_path / "data"), "--quiet"])
     server = Server(tmp_path)
+    command = [sys.executable, script, "--host", "127.0.0.1", "--port", "0", "--port-file", str(port), "--data-dir",
+               str(tmp_path / "data"), "--quiet"]
     try:
-        for _ in range(400):
-            if port.exists() and port.read_text().strip() or process.poll() is not None:
-                break
-            time.sleep(0.05)
-        server.url = f"http://127.0.0.1:{port.read_text().strip()}"
-        yield server
+        with serving(command, port) as url:
+            server.url = url
+            yield server
     finally:
         for listener in server.listeners:
             listener.close()
-        process.terminate()
-        process.wait(10)
+
+
+@pytest.fixture
+def scripted(tmp_path):
+    """Starts the project's scripted test server with a list of routes; returns its URL."""
+    with contextlib.ExitStack() as running:
+        def start(routes):
+            folder = tmp_path / "scripted"
+            folder.mkdir()
+            (folder / "script.json").write_text(json.dumps(routes), encoding="latin-1")
+            command = [sys.executable, str(SOURCE / "tests" / "support" / "http_test_server.py"), str(folder), "", "0"]
+            return running.enter_context(serving(command, folder / "port"))
+
+        yield start
 
 
 def test_publish_stores_the_bytes_reports_progress_and_returns_a_result(server, caplog):
@@ -202,6 +227,34 @@ def test_publish_many_reports_the_failures_of_a_batch(server):
     assert [result.name for result in again if isinstance(result, orvane.PublishResult)] == ["b0", "b1", "b2"]
     assert seen == {str(path) for path in paths if path.exists()}
     assert server.published() == {("Samples", path.stem): digest(path) for path in paths if path.exists()}
+
+
+SIGN_IN = "/api/2.0/auth/signin"
+
+
+def sign_in_reply(status, body="", location=None):
+    headers = [] if location is None else [["Location", location]]
+    return [{"path": SIGN_IN, "method": "POST", "responses": [{"status": status, "body": body, "headers": headers}]}]
+
+
+EDGES = {  # what the peer does: (routes of the scripted server, Session options, error or None, piece of its text)
+    "reply over the default limit": (lambda srv: sign_in_reply(200, "x" * (16 << 20 | 1)), {}, orvane.TransferError,
+                                     "Raise max_reply_size="),
+    "reply limit lifted": (lambda srv: sign_in_reply(200, "x" * (16 << 20 | 1)), {"max_reply_size": None},
+                           orvane.ServerError, ""),
+    "redirect to another origin": (lambda srv: sign_in_reply(307, location=srv.url + SIGN_IN), {},
+                                   orvane.TransferError, "redirects=\"follow\""),
+    "redirect followed when asked": (lambda srv: sign_in_reply(307, location=srv.url + SIGN_IN),
+                                     {"redirects": "follow"}, None, ""),
+}
+
+
+@pytest.mark.parametrize("routes, options, error, text", EDGES.values(), ids=EDGES.keys())
+def test_what_a_session_refuses_by_default(server, scripted, routes, options, error, text):
+    url = scripted(routes(server))
+    outcome = contextlib.nullcontext() if error is None else pytest.raises(error, match=text)
+    with outcome:
+        orvane.Session(url, "demo", "demo-password", **options).close()
 
 
 def cancel_from_another_thread(session):  # as a stop button would
