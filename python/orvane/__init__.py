@@ -367,7 +367,7 @@ class Session:
             return (Failure.PROJECT_NOT_FOUND if usable else Failure.EXTRACT_UNUSABLE), False
         if code == 401 and status == 409:
             return Failure.ALREADY_EXISTS, False
-        if code == 401 and signing_in and status in (401, 403):
+        if code == 401 and signing_in and status in (401, 403, 404):
             return Failure.SIGN_IN_REFUSED, False
         by_code = {500: Failure.CANCELLED, 501: Failure.STALL_TIMEOUT, 400: Failure.CONNECT,
                    300: Failure.REPLY_UNREADABLE, 401: Failure.REFUSED, 403: Failure.REPLY_UNREADABLE}

@@ -189,7 +189,6 @@ _LIMITS = {
 }
 
 _HINTS = {
-    Failure.SIGN_IN_REFUSED: "Check the user name, the password and the site",
     Failure.PROJECT_NOT_FOUND: "Project names are case-sensitive",
     Failure.ALREADY_EXISTS: "Use overwrite=True to replace it",
     Failure.RESOLVE: "Check the server's address",
@@ -222,6 +221,9 @@ def make_error(code: int, message: str, status: int, reason: str, failure: Failu
     `extract` is the path of a publish's extract; `limits` the session's
     time limits, named in the text of a time-out."""
     hint = _HINTS.get(failure, "")
+    if failure == Failure.SIGN_IN_REFUSED:
+        hint = {403: "The user may not sign in to this site",
+                404: "Check the server's address and the site"}.get(status, "Check the user name, the password and the site")
     if failure == Failure.EXTRACT_UNUSABLE:
         cls, number = _extract_class(extract or "")
         error: PublishError = cls(code, message, status, reason, failure, transient, "")
