@@ -226,10 +226,11 @@ def make_error(code: int, message: str, status: int, reason: str, failure: Failu
                 404: "Check the server's address and the site"}.get(status, "Check the user name, the password and the site")
     if failure == Failure.EXTRACT_UNUSABLE:
         cls, number = _extract_class(extract or "")
-        error: PublishError = cls(code, message, status, reason, failure, transient, "")
-        error.path = extract or ""  # type: ignore[attr-defined]
-        error.errno = number  # type: ignore[attr-defined]
-        error.filename = extract  # type: ignore[attr-defined]
+        error = cls(code, message, status, reason, failure, transient, "")
+        error.path = extract or ""
+        if isinstance(error, OSError):
+            error.errno = number
+            error.filename = extract
         return error
     if failure in _LIMITS:
         name = _LIMITS[failure]
