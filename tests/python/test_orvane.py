@@ -266,6 +266,16 @@ def test_what_a_session_refuses_by_default(server, scripted, routes, options, er
         orvane.Session(url, "demo", "demo-password", **options).close()
 
 
+def test_cancel_stops_a_whole_batch(server):
+    paths = [server.extract(f"c{i}.qrx", 4 << 20) for i in range(4)]
+    with server.session() as s:
+        with pytest.raises(orvane.BatchError) as raised:
+            s.publish_many(paths, "Samples", jobs=2, progress=lambda path, sent, total: sent and s.cancel())
+    assert {type(error) for _, error in raised.value.failures} == {orvane.Cancelled}
+    assert len(raised.value.failures) == 4
+    assert server.published() == {}
+
+
 def cancel_from_another_thread(session):  # as a stop button would
     canceller = threading.Thread(target=session.cancel)
     canceller.start()
