@@ -13,6 +13,7 @@
 
 #include <string>
 
+using OrvaneInternal::FailureKind;
 using OrvaneInternal::ServerConnection;
 using OrvaneInternal::ServerException;
 using OrvaneInternal::TransferOptions;
@@ -24,11 +25,25 @@ static_assert(ORV_VERSION_MAJOR == ORV_LIBRARY_VERSION_MAJOR && ORV_VERSION_MINO
 static_assert(static_cast<int>(ORV_RESULT_Cancelled) == static_cast<int>(ServerException::Cancelled) &&
                   static_cast<int>(ORV_RESULT_TimedOut) == static_cast<int>(ServerException::TimedOut),
               "the extension result codes are ServerException's");
+static_assert(static_cast<int>(ORV_FAILURE_Other) == static_cast<int>(FailureKind::Other) &&
+                  static_cast<int>(ORV_FAILURE_RedirectRefused) == static_cast<int>(FailureKind::RedirectRefused) &&
+                  static_cast<int>(ORV_FAILURE_Cancelled) == static_cast<int>(FailureKind::Cancelled),
+              "ORV_FAILURE is FailureKind, value for value");
 
 namespace {
 
 constexpr long kSmallestUploadBuffer = 16 * 1024; // libcurl's limits
 constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
+
+// Indexed by ORV_FAILURE.
+const char* const kFailureNames[] = {
+    "None",          "SignInRefused",  "ProjectNotFound", "ExtractUnusable",  "AlreadyExists",
+    "Refused",       "ServerError",    "ReplyUnreadable", "Resolve",          "Connect",
+    "Tls",           "Proxy",          "ConnectionLost",  "TooManyRedirects", "RedirectRefused",
+    "ReplyTooLarge", "ConnectTimeout", "StallTimeout",    "ReplyTimeout",     "TotalTimeout",
+    "Cancelled",     "Other",
+};
+static_assert(sizeof kFailureNames / sizeof kFailureNames[0] == ORV_FAILURE_Other + 1, "a name for every kind");
 
 bool OutOfRange(bool refused, const wchar_t* message)
 {
@@ -123,6 +138,49 @@ ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reas
     if (Missing(reason, L"Invalid argument 'reason'"))
         return ORV_RESULT_InvalidArgument;
     return OnSession(handle, [&](ServerConnection& session) { *reason = session.GetLastReason().c_str(); });
+}
+
+ORV_RESULT OrvServerConnectionGetFailure(void* handle, ORV_FAILURE* kind, long* transportCode)
+{
+    if (Missing(kind, L"Invalid argument 'kind'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) {
+        *kind = static_cast<ORV_FAILURE>(session.GetLastFailure());
+        if (transportCode != nullptr)
+            *transportCode = session.GetLastTransportCode();
+    });
+}
+
+int OrvFailureIsTransient(ORV_FAILURE kind)
+{
+    switch (kind) {
+    case ORV_FAILURE_Connect:
+    case ORV_FAILURE_ConnectionLost:
+    case ORV_FAILURE_ConnectTimeout:
+    case ORV_FAILURE_StallTimeout:
+    case ORV_FAILURE_ReplyTimeout:
+    case ORV_FAILURE_TotalTimeout:
+    case ORV_FAILURE_ServerError:
+        return 1;
+    default:
+        return 0;
+    }
+}
+
+const char* OrvFailureName(ORV_FAILURE kind)
+{
+    const auto index = static_cast<unsigned>(kind);
+    return index <= ORV_FAILURE_Other ? kFailureNames[index] : "Unknown";
+}
+
+ORV_RESULT OrvServerConnectionGetUploadProgress(void* handle, uint64_t* sent, uint64_t* total)
+{
+    if (Missing(sent, L"Invalid argument 'sent'") || Missing(total, L"Invalid argument 'total'"))
+        return ORV_RESULT_InvalidArgument;
+    return OnSession(handle, [&](ServerConnection& session) {
+        *sent = session.GetUploadSent();
+        *total = session.GetUploadTotal();
+    });
 }
 
 } // extern "C"

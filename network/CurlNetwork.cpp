@@ -270,6 +270,11 @@ void CurlNetwork::Send(RestRequest& request, RestReply& reply)
         const CURLcode code = curl_easy_perform(handle);
         if (code != CURLE_OK) {
             watch.ThrowIfStopped(code);
+            // A proxy that refuses the tunnel shows only in the CONNECT's status.
+            long connectCode = 0;
+            if (!t_callbackError && curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &connectCode) == CURLE_OK &&
+                connectCode >= 300)
+                throw CurlNetworkException(FailureKind::Proxy, curl_easy_strerror(code), code);
             ThrowTransferError(code);
         }
         Check(curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode));

@@ -1,6 +1,9 @@
 // The transport's one exception type: libcurl's own text for a libcurl
-// failure, or a message of the transport.
+// failure, or a message of the transport, with the failure kind it stands for
+// and libcurl's code (CURLE_OK when libcurl did not report it).
 #pragma once
+
+#include "network/FailureKind.h"
 
 #include <curl/curl.h>
 
@@ -9,16 +12,29 @@
 
 namespace OrvaneInternal {
 
+// The one mapping from libcurl's codes to failure kinds.
+FailureKind FailureOfCurlCode(CURLcode code);
+
 class CurlNetworkException : public std::exception {
   public:
-    explicit CurlNetworkException(CURLcode code) : m_message(curl_easy_strerror(code)) {}
-    explicit CurlNetworkException(CURLSHcode code) : m_message(curl_share_strerror(code)) {}
+    explicit CurlNetworkException(CURLcode code)
+        : m_message(curl_easy_strerror(code)), m_code(code), m_failure(FailureOfCurlCode(code))
+    {
+    }
     explicit CurlNetworkException(const std::string& message) : m_message(message) {}
+    CurlNetworkException(FailureKind failure, const std::string& message, CURLcode code = CURLE_OK)
+        : m_message(message), m_code(code), m_failure(failure)
+    {
+    }
 
     const char* what() const noexcept override { return m_message.c_str(); }
+    CURLcode Code() const { return m_code; }
+    FailureKind Failure() const { return m_failure; }
 
   private:
     std::string m_message;
+    CURLcode m_code = CURLE_OK;
+    FailureKind m_failure = FailureKind::Other;
 };
 
 // Every libcurl call's code goes through here: a failure becomes the

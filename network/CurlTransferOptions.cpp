@@ -52,19 +52,20 @@ void TransferWatch::ThrowIfStopped(CURLcode code) const
         std::rethrow_exception(m_error);
     switch (m_stop) {
     case Cancelled:
-        throw TransferStopped(TransferStopped::Cancelled, "Cancelled");
+        throw TransferStopped(FailureKind::Cancelled, "Cancelled", code);
     case TimedOut:
-        throw TransferStopped(TransferStopped::TimedOut, curl_easy_strerror(CURLE_OPERATION_TIMEDOUT));
+        throw TransferStopped(FailureKind::StallTimeout, curl_easy_strerror(CURLE_OPERATION_TIMEDOUT), code);
     case ReplyTooLarge:
-        throw CurlNetworkException("Server reply larger than the limit of " +
-                                   std::to_string(m_options->m_maxReplySize) + " bytes");
+        throw CurlNetworkException(
+            FailureKind::ReplyTooLarge,
+            "Server reply larger than the limit of " + std::to_string(m_options->m_maxReplySize) + " bytes", code);
     case None:
         break;
     }
     // Without a connect time-out of the session's own, libcurl's built-in one
     // stays an ordinary transfer failure.
     if (code == CURLE_OPERATION_TIMEDOUT && m_options != nullptr && m_options->m_connectTimeout > 0)
-        throw TransferStopped(TransferStopped::TimedOut, curl_easy_strerror(code));
+        throw TransferStopped(FailureKind::ConnectTimeout, curl_easy_strerror(code), code);
 }
 
 size_t TransferWatch::Write(char* data, size_t size, size_t nmemb, void* userdata)

@@ -35,17 +35,18 @@ struct TransferOptions {
     }
 };
 
-// A transfer stopped by the extension settings, not by libcurl on its own.
+// A transfer stopped by the extension settings, not by libcurl on its own:
+// a cancel (FailureKind::Cancelled) or one of the time limits.
 class TransferStopped : public CurlNetworkException {
   public:
     enum Reason { Cancelled, TimedOut };
 
-    TransferStopped(Reason reason, const std::string& message) : CurlNetworkException(message), m_reason(reason) {}
+    TransferStopped(FailureKind failure, const std::string& message, CURLcode code = CURLE_OK)
+        : CurlNetworkException(failure, message, code)
+    {
+    }
 
-    Reason GetReason() const { return m_reason; }
-
-  private:
-    Reason m_reason;
+    Reason GetReason() const { return Failure() == FailureKind::Cancelled ? Cancelled : TimedOut; }
 };
 
 } // namespace OrvaneInternal

@@ -2,10 +2,12 @@
 
 #include "logging/Logger.h"
 #include "network/CurlNetworkException.h"
+#include "network/FailureKind.h"
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
 #include "network/TransferOptions.h"
 #include "rest/BufferReply.h"
+#include "rest/RestIO.h"
 #include "server/ConnectReqMsg.h"
 #include "server/ConnectRespMsg.h"
 #include "server/CurlErrorLog.h"
@@ -20,6 +22,9 @@
 #include "sys/Path.h"
 #include "sys/Unicode.h"
 
+#include <cxxabi.h>
+
+#include <stdexcept>
 #include <utility>
 
 namespace OrvaneInternal {
@@ -32,8 +37,90 @@ void Log(const std::wstring& line)
 }
 
 const wchar_t kNotConnected[] = L"Connect must be called first";
+const wchar_t kCancelled[] = L"Cancelled";
+constexpr uint64_t kProgressStep = 64 * 1024;
+
+// What a refused reply means, by status and by what was asked:
+//   401, 403, 404 at sign-in     -> SignInRefused (wrong credentials or site)
+//   409 on an upload, no overwrite -> AlreadyExists
+//   407                          -> Proxy (a proxy wants credentials)
+//   any other 4xx                -> Refused
+//   5xx                          -> ServerError
+//   anything else outside 2xx    -> ReplyUnreadable
+FailureKind FailureOfStatus(int64_t status, ServerConnection::Exchange exchange)
+{
+    const bool signIn = exchange == ServerConnection::Exchange::SignIn;
+    if (signIn && (status == 401 || status == 403 || status == 404))
+        return FailureKind::SignInRefused;
+    if (exchange == ServerConnection::Exchange::Upload && status == 409)
+        return FailureKind::AlreadyExists;
+    if (status == 407)
+        return FailureKind::Proxy;
+    if (status >= 400 && status <= 499)
+        return FailureKind::Refused;
+    if (status >= 500 && status <= 599)
+        return FailureKind::ServerError;
+    return FailureKind::ReplyUnreadable;
+}
+
+// The kind of the exception being handled, for exceptions that are not
+// ServerException: a body part that cannot be read is the extract's fault,
+// and the standard library's number errors come from a reply's values.
+FailureKind FailureOfCurrentException()
+{
+    try {
+        throw;
+    } catch (const ServerException& e) {
+        return e.getFailure();
+    } catch (RestIO::RestIOException&) {
+        return FailureKind::ExtractUnusable;
+    } catch (const std::invalid_argument&) {
+        return FailureKind::ReplyUnreadable;
+    } catch (const std::out_of_range&) {
+        return FailureKind::ReplyUnreadable;
+    } catch (...) {
+        return FailureKind::Other;
+    }
+}
 
 } // namespace
+
+ServerConnection::CallScope::CallScope(ServerConnection& session) : m_session(session)
+{
+    m_session.m_lastStatus = 0;
+    m_session.m_lastReason.clear();
+    m_session.m_lastFailure = FailureKind::None;
+    m_session.m_lastTransportCode = 0;
+    m_session.m_uploadSent = 0;
+    m_session.m_uploadTotal = 0;
+}
+
+ServerConnection::CallScope::~CallScope()
+{
+    // A cancel that came too late to stop this call must not stop the next.
+    m_session.m_options->m_cancel.store(false);
+}
+
+template <class Body> void ServerConnection::RunCall(Body&& body)
+{
+    const CallScope call(*this);
+    try {
+        if (m_options->m_cancel.exchange(false))
+            throw ServerException(ServerException::Cancelled, kCancelled);
+        body();
+    } catch (abi::__forced_unwind&) {
+        throw; // a thread being cancelled must unwind through here untouched
+    } catch (...) {
+        m_lastFailure = FailureOfCurrentException();
+        try {
+            throw;
+        } catch (const ServerException& e) {
+            m_lastTransportCode = e.getTransportCode();
+        } catch (...) {
+        }
+        throw;
+    }
+}
 
 ServerConnection::ServerConnection() : m_network(NetworkFactory::Create())
 {
@@ -68,7 +155,7 @@ void ServerConnection::Disconnect()
     m_connected = false;
 }
 
-std::string ServerConnection::Send(const ReqMsg& message)
+std::string ServerConnection::Send(const ReqMsg& message, Exchange exchange)
 {
     std::shared_ptr<RestRequest> request = ConvertReqMsg(message);
     if (message.m_repType == ReqMsg::Unknown)
@@ -76,17 +163,19 @@ std::string ServerConnection::Send(const ReqMsg& message)
     if (!request) // a message of kind None has nothing to send
         ThrowLogicError(QRX_Status::InvalidArgument, "request message converts to no HTTP request");
     auto reply = std::make_shared<BufferReply>();
-    WatchBody(*request);
+    WatchBody(*request, exchange == Exchange::Upload || exchange == Exchange::Overwrite);
     try {
         m_network->Send(*request, *reply);
     } catch (const TransferStopped& e) {
         const bool cancelled = e.GetReason() == TransferStopped::Cancelled;
         const std::wstring text = Unicode::ToWideChar(e.what()).str();
         Log(text);
-        throw ServerException(cancelled ? ServerException::Cancelled : ServerException::TimedOut, text);
+        throw ServerException(cancelled ? ServerException::Cancelled : ServerException::TimedOut, text, e.Failure(),
+                              e.Code());
     } catch (const CurlNetworkException& e) {
         LogCurlError(e);
-        throw ServerException(ServerException::NetworkFailure, Unicode::ToWideChar(e.what()).str());
+        throw ServerException(ServerException::NetworkFailure, Unicode::ToWideChar(e.what()).str(), e.Failure(),
+                              e.Code());
     }
     std::string body = ConvertRestReply(*reply, message.m_repType);
     m_lastStatus = reply->m_status;
@@ -100,13 +189,18 @@ std::string ServerConnection::Send(const ReqMsg& message)
     RefCntPtr<Logger> logger = Logger::Get();
     logger->QueueMessage(text);
     logger->QueueMessage("Response:\n" + body);
-    throw ServerException(ServerException::ServerResponseError, text);
+    throw ServerException(ServerException::ServerResponseError, text, FailureOfStatus(reply->m_status, exchange));
 }
 
 void ServerConnection::Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
                                const std::wstring& siteId)
 {
-    const CallScope call(*this);
+    RunCall([&] { SignIn(host, username, password, siteId); });
+}
+
+void ServerConnection::SignIn(const std::wstring& host, const std::wstring& username, const std::wstring& password,
+                              const std::wstring& siteId)
+{
     if (m_connected) {
         Log(L"About to disconnect: " + m_host);
         Disconnect();
@@ -119,7 +213,7 @@ void ServerConnection::Connect(const std::wstring& host, const std::wstring& use
     Log(L"Username  : " + username);
     Log(L"Site ID   : " + siteId);
 
-    const ConnectRespMsg reply(Send(ConnectReqMsg(m_host, username, password, siteId)));
+    const ConnectRespMsg reply(Send(ConnectReqMsg(m_host, username, password, siteId), Exchange::SignIn));
     m_token = reply.m_token;
     m_siteId = reply.m_siteId;
     m_connected = true;
@@ -129,18 +223,20 @@ bool ServerConnection::QueryProjects(unsigned long pageNumber, std::unordered_ma
 {
     if (!m_connected)
         throw ServerException(ServerException::NotConnected, kNotConnected);
-    QueryProjRespMsg reply(Send(QueryProjReqMsg(m_host, m_siteId, m_token, pageNumber)));
+    QueryProjRespMsg reply(Send(QueryProjReqMsg(m_host, m_siteId, m_token, pageNumber), Exchange::Lookup));
 
     const uint64_t pageSize = QueryProjReqMsg::kPageSize;
     if (reply.m_pageNumber != pageNumber || reply.m_pageSize != pageSize)
-        throw ServerException(ServerException::ServerResponseError, L"PageNumber or pageSize mismatch");
+        throw ServerException(ServerException::ServerResponseError, L"PageNumber or pageSize mismatch",
+                              FailureKind::ReplyUnreadable);
     // Unsigned arithmetic throughout: a page past the end wraps the expected
     // count and fails the check below.
     const uint64_t before = static_cast<uint64_t>(pageNumber) * pageSize;
     const bool more = before < reply.m_totalAvailable;
     const uint64_t expected = more ? pageSize : reply.m_totalAvailable + pageSize - before;
     if (reply.m_projects.size() != expected)
-        throw ServerException(ServerException::ServerResponseError, L"Item number mismatch");
+        throw ServerException(ServerException::ServerResponseError, L"Item number mismatch",
+                              FailureKind::ReplyUnreadable);
     // The page's map is handed over whole (the reply ends here); what the
     // caller held before is dropped, never merged.
     projects = std::move(reply.m_projects);
@@ -150,7 +246,12 @@ bool ServerConnection::QueryProjects(unsigned long pageNumber, std::unordered_ma
 void ServerConnection::PublishExtract(const std::wstring& path, const std::wstring& projectName,
                                       const std::wstring& datasourceName, bool overwrite)
 {
-    const CallScope call(*this);
+    RunCall([&] { Publish(path, projectName, datasourceName, overwrite); });
+}
+
+void ServerConnection::Publish(const std::wstring& path, const std::wstring& projectName,
+                               const std::wstring& datasourceName, bool overwrite)
+{
     // One message for all three checks, so the caller cannot tell a wrong
     // extension from a missing file. Only a regular file (or a link to one)
     // counts: a directory would be measured at an absurd size, and opening a
@@ -159,7 +260,8 @@ void ServerConnection::PublishExtract(const std::wstring& path, const std::wstri
     if (extension == std::wstring::npos || path.compare(extension, std::wstring::npos, L".qrx") != 0 ||
         !Path::isfile(path))
         throw ServerException(ServerException::InvalidPublishInput,
-                              L"File \"" + path + L"\" is either invalid or doesn't exist");
+                              L"File \"" + path + L"\" is either invalid or doesn't exist",
+                              FailureKind::ExtractUnusable);
 
     const std::wstring projectId = FindProject(projectName);
     Log(L"Publishing extract: " + path);
@@ -180,7 +282,8 @@ std::wstring ServerConnection::FindProject(const std::wstring& projectName)
             return found->second;
         if (last)
             throw ServerException(ServerException::InvalidPublishInput,
-                                  L"Project \"" + projectName + L"\" doesn't exist on server");
+                                  L"Project \"" + projectName + L"\" doesn't exist on server",
+                                  FailureKind::ProjectNotFound);
     }
 }
 
@@ -190,8 +293,54 @@ void ServerConnection::PublishExtractInternal(const std::wstring& path, const st
     if (!m_connected)
         throw ServerException(ServerException::NotConnected, kNotConnected);
     const PublishExtRespMsg reply(
-        Send(PublishExtReqMsg(m_host, m_siteId, m_token, path, projectId, datasourceName, overwrite)));
+        Send(PublishExtReqMsg(m_host, m_siteId, m_token, path, projectId, datasourceName, overwrite),
+             overwrite ? Exchange::Overwrite : Exchange::Upload));
     (void)reply; // a reply of the right shape is the success
+}
+
+void ServerConnection::CheckProject(const std::wstring& projectName)
+{
+    RunCall([&] { (void)FindProject(projectName); });
+}
+
+void ServerConnection::Cancel()
+{
+    m_options->m_cancel.store(true);
+}
+
+void ServerConnection::WatchBody(RestRequest& request, bool upload)
+{
+    const TransferOptions& options = *m_options;
+    if (options.m_cancel.load(std::memory_order_relaxed))
+        throw ServerException(ServerException::Cancelled, kCancelled);
+    if (!upload) {
+        request.m_body.SetObserver([&options](uint64_t) {
+            if (options.m_cancel.load(std::memory_order_relaxed))
+                throw TransferStopped(FailureKind::Cancelled, "Cancelled");
+        });
+        return;
+    }
+    // The upload's progress: what libcurl took for sending, told to the
+    // callback every kProgressStep bytes, at the end, and from 0 again when
+    // the body is rewound for a resend. Throwing stops the transfer.
+    const uint64_t total = request.m_body.GetSize();
+    m_uploadTotal = total;
+    m_uploadSent = 0;
+    const auto report = [&options, total](uint64_t position) {
+        return options.m_progress == nullptr || options.m_progress(options.m_progressData, position, total) == 0;
+    };
+    if (!report(0))
+        throw ServerException(ServerException::Cancelled, kCancelled);
+    request.m_body.SetObserver([this, &options, report, total, last = uint64_t(0)](uint64_t position) mutable {
+        m_uploadSent = position;
+        if (options.m_cancel.load(std::memory_order_relaxed))
+            throw TransferStopped(FailureKind::Cancelled, "Cancelled");
+        if (position == last || (position > last && position - last < kProgressStep && position != total))
+            return;
+        last = position;
+        if (!report(position))
+            throw TransferStopped(FailureKind::Cancelled, "Cancelled");
+    });
 }
 
 } // namespace OrvaneInternal

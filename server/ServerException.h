@@ -4,6 +4,8 @@
 // getMessage() into the caller's last-error store.
 #pragma once
 
+#include "network/FailureKind.h"
+
 #include <cstdint>
 #include <string>
 
@@ -24,17 +26,43 @@ class ServerException {
         TimedOut = 501,            // a time limit the caller set fired (extension API)
     };
 
-    explicit ServerException(ErrorCode code) : m_errorCode(code) {}
-    ServerException(ErrorCode code, const std::wstring& message) : m_errorCode(code), m_message(message) {}
+    // The kind follows from the code where the code alone decides it (a reply
+    // that does not parse, a cancel); elsewhere it is Other unless given.
+    explicit ServerException(ErrorCode code) : ServerException(code, std::wstring()) {}
+    ServerException(ErrorCode code, const std::wstring& message) : ServerException(code, message, DefaultFailure(code))
+    {
+    }
+    ServerException(ErrorCode code, const std::wstring& message, FailureKind failure, long transportCode = 0)
+        : m_errorCode(code), m_message(message), m_failure(failure), m_transportCode(transportCode)
+    {
+    }
 
     ErrorCode getErrorCode() const { return m_errorCode; }
+    FailureKind getFailure() const { return m_failure; }
+    // libcurl's code behind a transport failure; 0 for any other.
+    long getTransportCode() const { return m_transportCode; }
     const std::wstring& getMessage() const { return m_message; }
     // The message in UTF-8, for callers that need narrow text.
     std::string getCharMessage() const;
 
   private:
+    static FailureKind DefaultFailure(ErrorCode code)
+    {
+        switch (code) {
+        case ResponseParseFailed:
+        case UnexpectedResponse:
+            return FailureKind::ReplyUnreadable;
+        case Cancelled:
+            return FailureKind::Cancelled;
+        default:
+            return FailureKind::Other;
+        }
+    }
+
     ErrorCode m_errorCode;
     std::wstring m_message;
+    FailureKind m_failure;
+    long m_transportCode;
 };
 
 } // namespace OrvaneInternal
