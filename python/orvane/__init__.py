@@ -197,7 +197,7 @@ class Session:
                 function = getattr(self._lib, "OrvServerConnection" + name, None)
                 if function is not None:  # a library older than the package lacks only the time savers
                     self._check(function(self._handle, *args))
-            self._call(self._lib.OrvServerConnectionConnect, *texts, signing_in=True)
+            self._call(self._lib.OrvServerConnectionConnect, *texts)
             self._signed_in = True
         except BaseException:
             self.close()
@@ -349,31 +349,20 @@ class Session:
     def __exit__(self, *exc: object) -> None:
         self.close()
 
-    def _check(self, code: int, signing_in: bool = False) -> None:
-        error = self._error(code, signing_in, None)
+    def _check(self, code: int) -> None:
+        error = self._error(code, None)
         if error is not None:
             raise error
 
-    def _failure(self, code: int, status: int, signing_in: bool, extract: Optional[str]) -> Tuple[Failure, bool]:
-        """The kind of the failed call and whether it is worth another try."""
-        if self._handle is not None and _native.has("OrvServerConnectionGetFailure"):
-            kind = ctypes.c_int(0)
+    def _failure(self) -> Tuple[Failure, bool]:
+        """The kind of the handle's failed call and whether it is worth another try."""
+        kind = ctypes.c_int(int(Failure.OTHER))
+        if self._handle is not None:
             self._lib.OrvServerConnectionGetFailure(self._handle, ctypes.byref(kind), None)
-            failure = Failure(kind.value) if kind.value in Failure._value2member_map_ else Failure.OTHER
-            return failure, bool(self._lib.OrvFailureIsTransient(failure))
-        # A library without failure kinds: what its result codes tell apart.
-        if code == 303 and extract is not None:
-            usable = extract.endswith(".qrx") and os.path.isfile(extract)
-            return (Failure.PROJECT_NOT_FOUND if usable else Failure.EXTRACT_UNUSABLE), False
-        if code == 401 and status == 409:
-            return Failure.ALREADY_EXISTS, False
-        if code == 401 and signing_in and status in (401, 403, 404):
-            return Failure.SIGN_IN_REFUSED, False
-        by_code = {500: Failure.CANCELLED, 501: Failure.STALL_TIMEOUT, 400: Failure.CONNECT,
-                   300: Failure.REPLY_UNREADABLE, 401: Failure.REFUSED, 403: Failure.REPLY_UNREADABLE}
-        return by_code.get(code, Failure.OTHER), code in (400, 501)
+        failure = Failure(kind.value) if kind.value in Failure._value2member_map_ else Failure.OTHER
+        return failure, bool(self._lib.OrvFailureIsTransient(failure))
 
-    def _error(self, code: int, signing_in: bool, extract: Optional[str]) -> Optional[PublishError]:
+    def _error(self, code: int, extract: Optional[str]) -> Optional[PublishError]:
         """The exception for a result code, from this thread's last error and the handle's last call."""
         if code == 0:
             return None
@@ -383,11 +372,11 @@ class Session:
         if self._handle is not None:
             self._lib.OrvServerConnectionGetHttpStatus(self._handle, ctypes.byref(status))
             self._lib.OrvServerConnectionGetServerReason(self._handle, ctypes.byref(reason))
-        failure, transient = self._failure(code, status.value, signing_in, extract)
+        failure, transient = self._failure()
         return make_error(code, message, status.value, reason.value or "", failure, transient, extract, self._limits)
 
-    def _call(self, function: Callable[..., int], *args: Any, signing_in: bool = False,
-              progress: Optional[Progress] = None, extract: Optional[str] = None) -> int:
+    def _call(self, function: Callable[..., int], *args: Any, progress: Optional[Progress] = None,
+              extract: Optional[str] = None) -> int:
         """Runs one library call on the handle; returns the HTTP status of its last reply."""
         if not self._busy.acquire(blocking=False):
             raise RuntimeError("this Session is in use by another call")
@@ -415,7 +404,7 @@ class Session:
                 self._owner = threading.get_ident()
                 with self._ctrl_c():
                     code = function(self._handle, *args)
-                error = self._error(code, signing_in, extract)  # before another call on the handle
+                error = self._error(code, extract)  # before another call on the handle
                 self._lib.OrvServerConnectionGetHttpStatus(self._handle, ctypes.byref(status))
             finally:
                 self._lib.OrvServerConnectionSetProgressCallback(self._handle, _native.PROGRESS(0), None)

@@ -45,11 +45,11 @@ _FUNCTIONS = {
     "OrvServerConnectionSetUploadBufferSize": (c_void_p, c_long),
     "OrvServerConnectionGetHttpStatus": (c_void_p, POINTER(c_long)),
     "OrvServerConnectionGetServerReason": (c_void_p, POINTER(c_wchar_p)),
+    "OrvServerConnectionGetFailure": (c_void_p, POINTER(c_int), POINTER(c_long)),
+    "OrvFailureIsTransient": (c_int,),
 }
 # Functions of later libraries: used when the loaded library has them.
 _LATER = {
-    "OrvServerConnectionGetFailure": (c_void_p, POINTER(c_int), POINTER(c_long)),
-    "OrvFailureIsTransient": (c_int,),
     "OrvServerConnectionSetReplyTimeout": (c_void_p, c_long),
     "OrvServerConnectionSetTotalTimeout": (c_void_p, c_long),
     "OrvServerConnectionSetRedirectPolicy": (c_void_p, c_int),
@@ -137,7 +137,7 @@ def _load() -> ctypes.CDLL:
             lib.OrvServerAPIGetLogPath.argtypes = ()
             lib.OrvServerAPIGetLogPath.restype = c_char_p
     except AttributeError as e:
-        raise LibraryError(0, f"{path} is older than this package needs (1.1 or later): {e}") from None
+        raise LibraryError(0, f"{path} is older than this package needs (1.2 or later): {e}") from None
     return lib
 
 
