@@ -199,6 +199,8 @@ _HINTS = {
     Failure.REPLY_TOO_LARGE: "Raise max_reply_size= if the server needs more",
 }
 
+_SIGN_IN_HINTS = {403: "The user may not sign in to this site", 404: "Check the server's address and the site"}
+
 
 def _extract_class(path: str) -> Tuple[Type[ExtractFileError], int]:
     """The subclass that fits what is at `path` now, and the errno it stands for."""
@@ -222,8 +224,7 @@ def make_error(code: int, message: str, status: int, reason: str, failure: Failu
     time limits, named in the text of a time-out."""
     hint = _HINTS.get(failure, "")
     if failure == Failure.SIGN_IN_REFUSED:
-        hint = {403: "The user may not sign in to this site",
-                404: "Check the server's address and the site"}.get(status, "Check the user name, the password and the site")
+        hint = _SIGN_IN_HINTS.get(status, "Check the user name, the password and the site")
     if failure == Failure.EXTRACT_UNUSABLE:
         cls, number = _extract_class(extract or "")
         error = cls(code, message, status, reason, failure, transient, "")

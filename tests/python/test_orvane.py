@@ -167,8 +167,8 @@ FAILURES = {
     "a directory": Failing(lambda srv: publish(srv, srv.folder / "data"), orvane.ExtractIsADirectory,
                            IsADirectoryError, 303, 0, 'data" is either invalid'),
     "name taken": Failing(lambda srv: publish(srv, srv.extract("a.qrx", 10), times=2), orvane.AlreadyExists,
-                          Exception, 401, 409, 'refused by the server (HTTP 409): Resource Conflict: A data source named "a" already exists'
-                          ' in project "Samples". Use overwrite=True to replace it.'),
+                          Exception, 401, 409, 'refused by the server (HTTP 409): Resource Conflict: A data source'
+                          ' named "a" already exists in project "Samples". Use overwrite=True to replace it.'),
     "nothing listening": Failing(lambda srv: sign_in_at(unused_port()), orvane.ConnectError, Exception, 400, 0,
                                  "Check the server's address."),
     "TLS to plain HTTP": Failing(lambda srv: orvane.Session(srv.url.replace("http:", "https:"), "demo", "pw"),
@@ -176,8 +176,8 @@ FAILURES = {
     "server silent": Failing(lambda srv: sign_in_at(srv.silent().getsockname()[1], stall_timeout=1), orvane.TimedOut,
                              TimeoutError, 501, 0, "The stall_timeout of 1 s ran out."),
     "not the API": Failing(lambda srv: orvane.Session(srv.url + "/elsewhere", "demo", "pw"), orvane.SignInError,
-                           Exception, 401, 404, "Not Found: No resource at POST /elsewhere/api/2.0/auth/signin. Check the"
-                           " server's address and the site."),
+                           Exception, 401, 404, "Not Found: No resource at POST /elsewhere/api/2.0/auth/signin."
+                           " Check the server's address and the site."),
     "bad option": Failing(lambda srv: srv.session(upload_buffer_size=1), orvane.PublishError, Exception, 1, 0,
                           "Invalid argument"),
 }
