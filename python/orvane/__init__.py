@@ -140,6 +140,8 @@ class Session:
         the library cannot be loaded or started, and PublishError subclasses
         when the sign-in fails.
         """
+        # First, while the parameters are the only locals: publish_many opens more sessions like this one.
+        self._arguments: Dict[str, Any] = {name: value for name, value in locals().items() if name != "self"}
         u = _native.utf16
         texts = [u(_string(value, what)) for value, what in
                  ((server, "server"), (user, "user"), (password, "password"), (site, "site"))]
@@ -167,14 +169,6 @@ class Session:
         if proxy_user is not None:
             calls.append(("SetProxyCredentials", u(_string(proxy_user, "proxy_user")),
                           u(_string(proxy_password, "proxy_password"))))
-        # Kept so that publish_many can open more sessions like this one.
-        self._arguments: Tuple[Tuple[Any, ...], Dict[str, Any]] = (
-            (server, user, password, site),
-            dict(connect_timeout=connect_timeout, stall_timeout=stall_timeout, reply_timeout=reply_timeout,
-                 total_timeout=total_timeout, ca_file=ca_file, proxy_user=proxy_user, proxy_password=proxy_password,
-                 max_redirects=max_redirects, redirects=redirects, max_reply_size=max_reply_size,
-                 upload_buffer_size=upload_buffer_size, reuse_connection=reuse_connection,
-                 project_cache=project_cache, expect_continue=expect_continue))
         self._limits = limits
         self._lib = _native.start()
         self._busy = threading.Lock()  # held for the length of a call; close() waits for it
@@ -266,7 +260,7 @@ class Session:
         def work(session: Optional[Session]) -> None:
             if session is None:
                 try:
-                    session = Session(*self._arguments[0], **self._arguments[1])
+                    session = Session(**self._arguments)
                 except PublishError:
                     return  # the batch goes on with the sessions it has
                 with self._handle_lock:
