@@ -3,11 +3,13 @@
 #include "logging/InitializeLogger.h"
 #include "logging/Logger.h"
 #include "server/ServerConnection.h"
-#include "sys/OS.h"
 #include "sys/RefCntPtr.h"
 #include "sys/Thread.h"
 
+#include <pthread.h>
+
 #include <cstdlib>
+#include <vector>
 
 namespace OrvaneInternal {
 
@@ -17,8 +19,9 @@ bool initialized = false;
 // The writer of the installed file logger. After Cleanup it keeps its ended
 // thread; the next start-up replaces it.
 RefCntPtr<Thread> loggerThread;
-long writerProcess = 0; // the process that started loggerThread
-bool exitHookRegistered = false;
+bool hooksRegistered = false;
+// The logger that BeforeFork quiesced, for the handler that follows it.
+RefCntPtr<Logger> forkingLogger;
 
 // Releasing a writer that still runs would join a thread that waits for lines
 // forever, so a host that exits without Cleanup would hang. Registered after
@@ -28,14 +31,49 @@ void StopWriterAtExit()
 {
     if (!loggerThread || !loggerThread->Joinable())
         return;
-    if (OS::getpid() != writerProcess) {
-        // A forked child copied the Thread but not its thread: never join it,
-        // and keep the copy from joining in its destructor.
-        loggerThread.get()->AddReference();
-        return;
-    }
     Logger::Get()->QueueStop();
     loggerThread->Join();
+}
+
+// A host may fork at any time, from any thread, while other threads log: the
+// writer is held still across the fork so that the parent's log goes on as if
+// nothing happened, and a child gets a queue and a writer of its own, so that
+// it can log and start sessions like any process. Nothing here throws short
+// of running out of memory or threads; a child that cannot start a writer
+// drains its log on the thread that calls Cleanup.
+void BeforeFork()
+{
+    forkingLogger = Logger::Get();
+    forkingLogger->BeforeFork();
+}
+
+void AfterForkInParent()
+{
+    forkingLogger->AfterForkInParent();
+    forkingLogger.reset();
+}
+
+void AfterForkInChild()
+{
+    forkingLogger->AfterForkInChild();
+    forkingLogger.reset();
+    if (!loggerThread || !loggerThread->Joinable())
+        return; // no writer was running: Initialize or Cleanup will do as usual
+    // The copied Thread names the parent's writer, which does not exist here:
+    // it must never be joined, so it is kept rather than released.
+    try {
+        static std::vector<RefCntPtr<Thread>>* const abandoned = new std::vector<RefCntPtr<Thread>>();
+        abandoned->push_back(loggerThread);
+    } catch (...) {
+        loggerThread->AddReference(); // never released then, which is all that matters
+    }
+    loggerThread.reset();
+    try {
+        RefCntPtr<Thread> writer(new Thread(RefCntPtr<Runnable>(Logger::Get())));
+        writer->Start();
+        loggerThread = writer;
+    } catch (...) {
+    }
 }
 
 } // namespace
@@ -45,9 +83,13 @@ void ServerAPI::Initialize()
     if (initialized)
         return;
     InitializeLogger(loggerThread);
-    writerProcess = OS::getpid();
-    if (!exitHookRegistered)
-        exitHookRegistered = std::atexit(StopWriterAtExit) == 0;
+    if (!hooksRegistered) {
+        hooksRegistered = true;
+        // Either fails only without memory, and then the library runs on
+        // without that hook.
+        std::atexit(StopWriterAtExit);
+        ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+    }
     ServerConnection::Init();
     initialized = true;
 }

@@ -1,6 +1,5 @@
 #include "logging/LogLines.h"
 
-#include "logging/LossyUtf8.h"
 #include "sys/Errors.h"
 #include "sys/Unicode.h"
 
@@ -10,6 +9,29 @@
 namespace OrvaneInternal {
 
 namespace {
+
+bool IsAscii(std::string_view text)
+{
+    for (char c : text) {
+        if (static_cast<unsigned char>(c) >= 0x80)
+            return false;
+    }
+    return true;
+}
+
+bool IsWidenedByte(wchar_t unit)
+{
+    return unit >= -128 && unit < 0;
+}
+
+std::wstring WidenBytes(std::string_view line)
+{
+    std::wstring out;
+    out.reserve(line.size());
+    for (char c : line)
+        out += static_cast<wchar_t>(static_cast<signed char>(c));
+    return out;
+}
 
 // Calls `emit(line)` for every line of `text`.
 template <class Char, class Emit> void ForEachLine(std::basic_string_view<Char> text, Emit emit)
@@ -76,6 +98,28 @@ std::wstring LinesOf(std::string_view header, const std::string& message)
         }
         out += L'\n';
     });
+    return out;
+}
+
+std::string BytesOf(std::wstring_view lines)
+{
+    if (std::all_of(lines.begin(), lines.end(), [](wchar_t c) { return c >= 0 && c < 0x80; }))
+        return std::string(lines.begin(), lines.end()); // most log text; no converter needed
+    std::string out;
+    out.reserve(lines.size());
+    std::size_t start = 0;
+    while (start < lines.size()) {
+        if (IsWidenedByte(lines[start])) {
+            out += static_cast<char>(lines[start]);
+            ++start;
+            continue;
+        }
+        std::size_t end = start;
+        while (end < lines.size() && !IsWidenedByte(lines[end]))
+            ++end;
+        out += Unicode::ToUTF8Lossy(lines.substr(start, end - start));
+        start = end;
+    }
     return out;
 }
 

@@ -27,6 +27,15 @@ class Logger : public Runnable {
     virtual void QueueStop() = 0;
     virtual const std::wstring& GetBaseFilePath() const = 0;
 
+    // Around fork (see ServerAPI's fork hooks), on the forking thread:
+    // BeforeFork holds the writer at a point where it owns nothing the child
+    // needs; the parent then resumes as it was, and the child gets an empty
+    // queue of its own, ready for a new writer (the parent's is not there).
+    // Lines the parent had queued are written by the parent alone.
+    virtual void BeforeFork() = 0;
+    virtual void AfterForkInParent() = 0;
+    virtual void AfterForkInChild() = 0;
+
     // Installs `logger` (a null one empties the slot). Meant for start-up,
     // before other threads log: the slot itself is not locked.
     static void Init(RefCntPtr<Logger> logger);

@@ -5,12 +5,13 @@
 
 #include "logging/LineHeader.h"
 #include "logging/LogLines.h"
-#include "logging/LossyUtf8.h"
 #include "logging/ThreadId.h"
 #include "sys/Errors.h"
+#include "sys/Unicode.h"
 
 #include <iterator>
 #include <utility>
+#include <vector>
 
 namespace OrvaneInternal {
 
@@ -29,11 +30,11 @@ template <class Char> std::basic_string<Char> ReadRest(std::basic_istream<Char>&
 } // namespace
 
 SimpleLogger::SimpleLogger(const std::wstring& path, unsigned int rotateSeconds)
-    : m_rotateSeconds(rotateSeconds), m_baseFilePath(path)
+    : m_queue(new LineQueue()), m_rotateSeconds(rotateSeconds), m_baseFilePath(path)
 {
     if (!Open(path))
-        throw QRX_InvalidArgument(QRX_Status::InvalidArgument,
-                                  "SimpleLogger constructor failed. Couldn't open: '" + EncodeUtf8(path) + "'");
+        throw QRX_InvalidArgument(QRX_Status::InvalidArgument, "SimpleLogger constructor failed. Couldn't open: '" +
+                                                                   Unicode::ToUTF8Lossy(path) + "'");
     if (m_rotateSeconds != 0)
         m_rotateTimer.Start();
 }
@@ -41,7 +42,7 @@ SimpleLogger::SimpleLogger(const std::wstring& path, unsigned int rotateSeconds)
 SimpleLogger::~SimpleLogger()
 {
     std::wstring* text = nullptr;
-    while (m_queue.try_pop(text))
+    while (m_queue->try_pop(text))
         delete text;
     m_stream.reset(); // flush and close before the lock goes
     if (m_lockFile)
@@ -103,18 +104,39 @@ void SimpleLogger::QueueMessage(std::istream& in)
 void SimpleLogger::Push(std::wstring text)
 {
     std::unique_ptr<std::wstring> entry(new std::wstring(std::move(text)));
-    m_queue.push(entry.get());
+    m_queue->push(entry.get());
     entry.release(); // the queue owns it now
 }
 
 void SimpleLogger::QueueStop()
 {
     try {
-        m_queue.push(nullptr);
+        m_queue->push(nullptr);
     } catch (...) {
         // Cannot happen with an unbounded queue of pointers short of memory
         // exhaustion; then the writer runs on, which is the lesser harm.
     }
+}
+
+void SimpleLogger::BeforeFork()
+{
+    m_streamMutex.lock();
+}
+
+void SimpleLogger::AfterForkInParent()
+{
+    m_streamMutex.unlock();
+}
+
+void SimpleLogger::AfterForkInChild()
+{
+    m_streamMutex.unlock(); // taken by this very thread in BeforeFork
+    // Another thread of the parent may have been inside a push, and the
+    // parent's writer may be waiting in a pop: the copy cannot be trusted, nor
+    // freed. It stays reachable so that leak checkers see it as kept.
+    static std::vector<LineQueue*>* const abandoned = new std::vector<LineQueue*>();
+    abandoned->push_back(m_queue.release());
+    m_queue.reset(new LineQueue());
 }
 
 void SimpleLogger::Flush()
@@ -128,14 +150,14 @@ void SimpleLogger::Run()
 {
     for (;;) {
         std::wstring* entry = nullptr;
-        m_queue.pop(entry);
+        m_queue->pop(entry);
         if (!entry)
             return;
         std::unique_ptr<std::wstring> text(entry);
         try {
             RotateCheck();
             if (!text->empty())
-                Write(EncodeUtf8(*text));
+                Write(BytesOf(*text));
         } catch (...) {
             // Losing one message is better than losing the writer, or the host.
         }

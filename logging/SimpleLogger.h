@@ -49,6 +49,9 @@ class SimpleLogger : public Logger {
     void Flush() override;
     void QueueStop() override;
     const std::wstring& GetBaseFilePath() const override { return m_baseFilePath; }
+    void BeforeFork() override;
+    void AfterForkInParent() override;
+    void AfterForkInChild() override;
 
     // The line header (see LineHeader), narrow and widened.
     static std::string FormatHeader(const datetime& time, unsigned long threadId);
@@ -71,14 +74,18 @@ class SimpleLogger : public Logger {
     void RotateCheck();
     void Write(const std::string& bytes);
 
+    using LineQueue = tbb::concurrent_bounded_queue<std::wstring*>;
+
     std::unique_ptr<std::ostream> m_stream;
-    tbb::concurrent_bounded_queue<std::wstring*> m_queue; // owns its entries; null is the stop signal
+    // Owns its entries; null is the stop signal. Replaced in a forked child
+    // (see AfterForkInChild), never otherwise.
+    std::unique_ptr<LineQueue> m_queue;
     Timer m_rotateTimer;
     uint32_t m_rotateSeconds;
     FILE* m_lockFile = nullptr; // read handle that holds the flock on the current file
     std::wstring m_baseFilePath;
     // Flush may come from another thread while the writer writes or replaces
-    // the stream.
+    // the stream; BeforeFork holds it until the fork is done.
     std::mutex m_streamMutex;
 };
 

@@ -26,23 +26,30 @@ constexpr off_t kTruncateAbove = 1048576;
 // The file is created (never truncated) before the lock is taken and only
 // cut once the lock is ours, so a log that another process is writing is
 // never touched. A link at the name is refused like a locked file: in a
-// shared directory another user could point it at a file of ours. The log
-// holds user names and server replies, so a new one is the owner's alone.
+// shared directory another user could point it at a file of ours. So is
+// anything but a regular file, checked on the descriptor itself: a named pipe
+// would hang the open until someone reads it, and then hand that reader the
+// log. Nothing is opened in blocking mode for the same reason. The log holds
+// user names and server replies, so a new one is the owner's alone.
 // Returns the write descriptor and sets `lockFile`, or returns -1.
 int OpenLocked(const std::string& native, FILE*& lockFile)
 {
-    const int fd = ::open(native.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+    const int fd = ::open(native.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
     if (fd < 0)
         return -1;
     // The lock lives on a read handle of its own, close-on-exec so that
     // programs the host starts do not hold the lock after we let go. It must
     // be the same file: the name may have been replaced since the first open.
-    const int lockFd = ::open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    const int lockFd = ::open(native.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     lockFile = lockFd < 0 ? nullptr : ::fdopen(lockFd, "r");
-    struct stat written {
-    }, locked{};
-    if (lockFile && ::fstat(fd, &written) == 0 && ::fstat(lockFd, &locked) == 0 && written.st_dev == locked.st_dev &&
-        written.st_ino == locked.st_ino && ::flock(lockFd, LOCK_EX | LOCK_NB) == 0)
+    struct stat written {};
+    struct stat locked {};
+    const bool sameRegularFile = lockFile && ::fstat(fd, &written) == 0 && S_ISREG(written.st_mode) &&
+                                 ::fstat(lockFd, &locked) == 0 && written.st_dev == locked.st_dev &&
+                                 written.st_ino == locked.st_ino;
+    // On a regular file O_NONBLOCK changes nothing; it is cleared all the same
+    // so that the stream sees an ordinary descriptor.
+    if (sameRegularFile && ::flock(lockFd, LOCK_EX | LOCK_NB) == 0 && ::fcntl(fd, F_SETFL, O_APPEND) == 0)
         return fd;
     if (lockFile)
         std::fclose(lockFile);

@@ -1,8 +1,11 @@
 #include "server/ServerReason.h"
 
+#include "sys/Unicode.h"
+
 #include <expat.h>
 
 #include <memory>
+#include <string_view>
 
 namespace OrvaneInternal {
 
@@ -52,33 +55,14 @@ struct ErrorDocument {
     }
 };
 
-// UTF-8 to wide, at most `limit` characters; a byte that starts no valid
-// sequence stands for itself, so any reply gives some text.
+// UTF-8 to wide, at most `limit` characters; ill-formed bytes become U+FFFD,
+// so any reply gives some text. No character takes more than four bytes, so
+// the bytes beyond 4 * limit are never needed.
 std::wstring Widen(const std::string& text, std::size_t limit)
 {
-    std::wstring out;
-    for (std::size_t i = 0; i < text.size() && out.size() < limit;) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        const std::size_t length = lead < 0x80           ? 1
-                                   : (lead >> 5) == 0x6  ? 2
-                                   : (lead >> 4) == 0xE  ? 3
-                                   : (lead >> 3) == 0x1E ? 4
-                                                         : 0;
-        char32_t code = length == 1 ? lead : length == 2 ? lead & 0x1F : length == 3 ? lead & 0x0F : lead & 0x07;
-        bool valid = length != 0 && i + length <= text.size();
-        for (std::size_t k = 1; valid && k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            valid = (next & 0xC0) == 0x80;
-            code = (code << 6) | (next & 0x3F);
-        }
-        if (valid && code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF)) {
-            out.push_back(static_cast<wchar_t>(code));
-            i += length;
-        } else {
-            out.push_back(static_cast<wchar_t>(lead));
-            ++i;
-        }
-    }
+    std::wstring out = Unicode::ToWideCharLossy(std::string_view(text).substr(0, 4 * limit));
+    if (out.size() > limit)
+        out.resize(limit);
     return out;
 }
 

@@ -95,6 +95,51 @@ template <class Result> Result Utf16ToUtf32(const unsigned short* s, std::size_t
         });
 }
 
+// The lossy routes: ICU substitutes U+FFFD for whatever it cannot convert,
+// so only a text too long for ICU's lengths fails.
+constexpr UChar32 kReplacement = 0xFFFD;
+
+int32_t LossyLength(std::size_t length, const Stage& stage)
+{
+    if (length > static_cast<std::size_t>(INT32_MAX))
+        throw QRX_RangeError(stage.measuring, stage.measuringText);
+    return static_cast<int32_t>(length);
+}
+
+UTF16String Utf32ToUtf16Lossy(const wchar_t* s, std::size_t length)
+{
+    const int32_t n = LossyLength(length, kUtf32ToUtf16);
+    return TwoPass<UTF16String>(kUtf32ToUtf16, [&](unsigned short* dest, int32_t cap, int32_t* len, UErrorCode* st) {
+        u_strFromUTF32WithSub(reinterpret_cast<UChar*>(dest), cap, len, reinterpret_cast<const UChar32*>(s), n,
+                              kReplacement, nullptr, st);
+    });
+}
+
+std::string Utf16ToUtf8Lossy(const UTF16String& s)
+{
+    const int32_t n = LossyLength(s.size(), kUtf16ToUtf8);
+    return TwoPass<std::string>(kUtf16ToUtf8, [&](char* dest, int32_t cap, int32_t* len, UErrorCode* st) {
+        u_strToUTF8WithSub(dest, cap, len, reinterpret_cast<const UChar*>(s.data()), n, kReplacement, nullptr, st);
+    });
+}
+
+UTF16String Utf8ToUtf16Lossy(const char* s, std::size_t length)
+{
+    const int32_t n = LossyLength(length, kUtf8ToUtf16);
+    return TwoPass<UTF16String>(kUtf8ToUtf16, [&](unsigned short* dest, int32_t cap, int32_t* len, UErrorCode* st) {
+        u_strFromUTF8WithSub(reinterpret_cast<UChar*>(dest), cap, len, s, n, kReplacement, nullptr, st);
+    });
+}
+
+std::wstring Utf16ToWideLossy(const UTF16String& s)
+{
+    const int32_t n = LossyLength(s.size(), kUtf16ToUtf32);
+    return TwoPass<std::wstring>(kUtf16ToUtf32, [&](wchar_t* dest, int32_t cap, int32_t* len, UErrorCode* st) {
+        u_strToUTF32WithSub(reinterpret_cast<UChar32*>(dest), cap, len, reinterpret_cast<const UChar*>(s.data()), n,
+                            kReplacement, nullptr, st);
+    });
+}
+
 template <class Unit> std::size_t TerminatedLength(const Unit* s)
 {
     std::size_t n = 0;
@@ -238,6 +283,16 @@ const std::wstring& ToWideChar::operator()(const unsigned int* s, std::size_t le
     UTF16String u16 = Utf32ToUtf16(s, length);
     m_result = Utf16ToUtf32<std::wstring>(u16.data(), u16.size());
     return m_result;
+}
+
+// --- Lossy ---
+std::string ToUTF8Lossy(std::wstring_view text)
+{
+    return Utf16ToUtf8Lossy(Utf32ToUtf16Lossy(text.data(), text.size()));
+}
+std::wstring ToWideCharLossy(std::string_view text)
+{
+    return Utf16ToWideLossy(Utf8ToUtf16Lossy(text.data(), text.size()));
 }
 
 } // namespace Unicode

@@ -14,10 +14,15 @@
 // (std::string s = Unicode::ToUTF8(w);) or as a reusable object (conv(w)).
 // Length arguments count source units; without one the source ends at its
 // first zero unit.
+//
+// ToUTF8Lossy and ToWideCharLossy are for text that must be shown whatever it
+// holds (log lines, a server's reply): every unit or byte sequence that is
+// not valid Unicode becomes U+FFFD and they never throw a conversion error.
 #pragma once
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace Unicode {
 
@@ -117,5 +122,13 @@ class ToWideChar : public Converted<std::wstring> {
     const std::wstring& operator()(const unsigned int* s);
     const std::wstring& operator()(const unsigned int* s, std::size_t length);
 };
+
+// Wide units that are not Unicode scalar values (surrogates, values above
+// U+10FFFF, negative values) become U+FFFD. Throws QRX_RangeError only for a
+// text longer than ICU can take (2^31 units).
+std::string ToUTF8Lossy(std::wstring_view text);
+// Ill-formed UTF-8 becomes U+FFFD, one for each maximal ill-formed
+// subsequence. Throws QRX_RangeError only for a text of 2^31 bytes or more.
+std::wstring ToWideCharLossy(std::string_view text);
 
 } // namespace Unicode

@@ -139,8 +139,8 @@ TEST_F(StartupApiTest, HandleKeptPastCleanupAndARestart)
     EXPECT_EQ(ORV_RESULT_Success, fresh.Publish(path, "Sales", "d", 0)) << LastError();
 }
 
-// A child forked after start-up, which has no writer thread, ends when it ends normally. (Forked
-// once the start-up lines are written: lines still queued would be copied into the child and left there.)
+// A child forked after start-up, which gets a writer of its own, ends when it ends normally without
+// Cleanup: its exit drains and joins that writer, never the parent's.
 TEST_F(ExportedApiTest, ForkedChildEndsNormally)
 {
     ASSERT_TRUE(WaitUntil([&] {

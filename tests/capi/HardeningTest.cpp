@@ -109,6 +109,20 @@ TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
         EXPECT_EQ(0, ::symlink(outside.File(target).c_str(), m_dir.File(log).c_str()));
         return Seen(OrvServerAPIInitialize());
     };
+    // A named pipe at the log path, read by this process or by nobody: the log goes to the next name.
+    auto pipeAtLog = [&](bool withReader) {
+        EXPECT_EQ(0, ::mkfifo(m_dir.File(log).c_str(), 0600));
+        const int reader = withReader ? ::open(m_dir.File(log).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+        EXPECT_EQ(withReader, reader >= 0);
+        std::string seen = Seen(OrvServerAPIInitialize());
+        seen += Seen(OrvServerAPICleanup());
+        char byte = 0;
+        if (reader >= 0 && ::read(reader, &byte, 1) > 0)
+            seen += " and the reader got the log";
+        if (reader >= 0)
+            ::close(reader);
+        return seen;
+    };
     auto swapInPipe = [&] {
         EXPECT_TRUE(::mkfifo(fifo.c_str(), 0600) == 0 && ::rename(fifo.c_str(), extract.c_str()) == 0);
     };
@@ -119,6 +133,8 @@ TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
     } rows[] = {
         {"link to a file of ours at the log path", [&] { return linkLogTo("victim"); }, ok, log1, pid},
         {"dangling link at the log path", [&] { return linkLogTo("new"); }, ok, log1, pid},
+        {"named pipe nobody reads at the log path", [&] { return pipeAtLog(false); }, ok + ok, log1, pid},
+        {"named pipe read by another at the log path", [&] { return pipeAtLog(true); }, ok + ok, log1, pid},
         {"umask 000, kept for the rows after it", [] { return ::umask(0), Seen(OrvServerAPIInitialize()); }, ok, log,
          pid},
         {"token with CR/LF: a malformed reply, signed out", [&] { return publish([] {}, false); },

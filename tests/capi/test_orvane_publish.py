@@ -85,7 +85,7 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertEqual(0, result.returncode, result.stderr)
         for text in ("--connect-timeout S", "--password-stdin", "--json", "Exit status:", "  6    timed out", "143"):
             self.assertIn(text, result.stdout)
-        self.assertRegex(self.run_tool("-V").stdout, r"^orvane-publish \d+\.\d+\.\d+ \(libOrvaneServer 1\.1\.\d+\)\n$")
+        self.assertRegex(self.run_tool("-V").stdout, r"^orvane-publish \d+\.\d+\.\d+ \(libOrvaneServer 1\.\d+\.\d+\)\n$")
         self.assertTrue(os.path.isfile(os.path.join(os.path.dirname(self.tool), "../share/man/man1/orvane-publish.1")))
         good = self.extract("good.qrx")
         for args, complaint in ((["--password=pw", good], "passwords are not taken from the command line"),

@@ -1,10 +1,13 @@
 // Any UTF-8, UTF-16 or UTF-32 text (the first byte picks which): every route either refuses it
 // with QRX_RuntimeError, and then all do, or converts it so that it comes back unchanged through
-// the other forms. Nothing else escapes.
+// the other forms. Nothing else escapes. The lossy routes take any bytes and any wide units: they
+// agree with the strict ones on valid text, give valid text (U+FFFD in place of what was not) and
+// keep one character per wide unit.
 #include "fuzz/FuzzCheck.h"
 #include "sys/Errors.h"
 #include "sys/Unicode.h"
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
 
@@ -16,6 +19,31 @@ template <class Convert> auto Try(Convert convert) -> std::optional<decltype(con
         return convert();
     } catch (const QRX_RuntimeError&) {
         return std::nullopt;
+    }
+}
+
+bool IsScalarValue(wchar_t unit)
+{
+    return (unit >= 0 && unit < 0xD800) || (unit > 0xDFFF && unit <= 0x10FFFF);
+}
+
+// The lossy decoder on the bytes and the lossy encoder on the same bytes read as wide units.
+void CheckLossy(const std::string& bytes)
+{
+    const std::wstring decoded = ToWideCharLossy(bytes);
+    FUZZ_CHECK(std::all_of(decoded.begin(), decoded.end(), IsScalarValue), "decoded a unit that is not Unicode");
+    const auto strict = Try([&] { return ToWideChar(bytes).str(); });
+    FUZZ_CHECK(!strict || *strict == decoded, "lossy and strict decoding differ on valid UTF-8");
+    FUZZ_CHECK(strict || decoded.find(L'\uFFFD') != std::wstring::npos, "bad UTF-8 decoded without U+FFFD");
+    FUZZ_CHECK(ToUTF8Lossy(decoded) == ToUTF8(decoded).str(), "lossy and strict encoding differ on valid text");
+
+    std::wstring units(bytes.size() / sizeof(wchar_t), L'\0');
+    std::memcpy(&units[0], bytes.data(), units.size() * sizeof(wchar_t));
+    const auto encoded = Try([&] { return ToWideChar(ToUTF8Lossy(units)).str(); });
+    FUZZ_CHECK(encoded && encoded->size() == units.size(), "encoding gave bad UTF-8 or lost units");
+    for (std::size_t i = 0; i < units.size(); ++i) {
+        const wchar_t expected = IsScalarValue(units[i]) ? units[i] : L'\uFFFD';
+        FUZZ_CHECK((*encoded)[i] == expected, "unit " + std::to_string(i) + " encoded wrongly");
     }
 }
 
@@ -42,6 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                : form == 1 ? ToWideChar(utf16.data(), utf16.size()).str()
                            : std::wstring(utf32.begin(), utf32.end());
     });
+    CheckLossy(bytes);
     const bool valid = u8 && u16 && u32 && (form == 2 || wide);
     FUZZ_CHECK(valid || ((!u8 || form == 0) && (!u16 || form == 1) && (!u32 || form == 2) && (!wide || form == 2)),
                "routes disagree on form " + std::to_string(form));

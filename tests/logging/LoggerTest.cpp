@@ -7,6 +7,8 @@
 
 #include <sys/file.h>
 
+#include <algorithm>
+#include <map>
 #include <regex>
 
 using namespace OrvaneInternal;
@@ -29,16 +31,31 @@ void Drain(SimpleLogger& logger)
     logger.QueueStop(), logger.Run();
 }
 const std::regex kHeader(R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \((\d{4,})\): )");
-// The payloads of a log's lines, each checked for its header.
+// A log line's thread id and payload, its header checked.
+std::pair<long, std::string> Parse(const std::string& line)
+{
+    std::smatch header;
+    const bool found = std::regex_search(line, header, kHeader) && header.position(0) == 0;
+    EXPECT_TRUE(found) << line;
+    if (!found)
+        return {-1, line};
+    return {std::stol(header.str(2)), header.suffix().str()};
+}
 Strings Payloads(const std::string& path)
 {
     Strings payloads;
-    for (const std::string& line : SplitLines(ReadFileBytes(path))) {
-        std::smatch header;
-        EXPECT_TRUE(std::regex_search(line, header, kHeader) && header.position(0) == 0) << line;
-        payloads.push_back(line.substr(header.length(0)));
-    }
+    for (const std::string& line : SplitLines(ReadFileBytes(path)))
+        payloads.push_back(Parse(line).second);
     return payloads;
+}
+std::map<long, Strings> PayloadsByThread(const std::string& path)
+{
+    std::map<long, Strings> byThread;
+    for (const std::string& line : SplitLines(ReadFileBytes(path))) {
+        const auto [thread, payload] = Parse(line);
+        byThread[thread].push_back(payload);
+    }
+    return byThread;
 }
 Strings RunLines(long pid, const Strings& middle, bool cleanup = true)
 {
@@ -88,7 +105,8 @@ TEST_F(LogTest, EveryLineGetsTheHeaderOfItsMessageAndItsTextAsUtf8)
         {std::wstring(L"x") + wchar_t(0x110000), "", {"x\xEF\xBF\xBD"}},
         {L"", "caf\xC3\xA9 \xF0\x9F\x98\x80", {"caf\xC3\xA9 \xF0\x9F\x98\x80"}},
         {L"", "a\nb", {"a", "b"}},
-        {L"", "bad \xFF\xC3, \xE9t\xE9", {"bad \xFF\xC3, \xE9t\xE9"}}};
+        {L"", "bad \xFF\xC3, \xE9t\xE9", {"bad \xFF\xC3, \xE9t\xE9"}},
+        {L"", "caf\xC3\xA9\nbad \xE9", {"caf\xC3\xA9", "bad \xE9"}}};
     const auto now = [] { return SimpleLogger::FormatHeader(datetime::now(), 0).substr(0, 23); };
     for (const auto& [wide, narrow, lines] : cases) {
         std::remove(m_base.c_str());
@@ -218,4 +236,28 @@ TEST_F(LogTest, LastLineWithoutCleanupAndTheCurrentDirectoryAsFallback)
         EXPECT_EQ(RunLines(pid, {"fallback"}), Payloads(current.File("OrvaneSDKServer.log")));
         std::filesystem::remove(current.File("OrvaneSDKServer.log"));
     }
+}
+
+// A host forks while one of its threads logs; the child logs and stops the library, the parent goes
+// on. Each process's lines reach the file once, in their order, from its own threads.
+TEST_F(LogTest, ForkedChildLogsThroughAWriterOfItsOwnAndTheParentGoesOn)
+{
+    const long parent = RunChild({"fork", "parent before the fork"});
+    std::map<long, Strings> byThread = PayloadsByThread(m_base);
+    const Strings parentLines = {"parent before the fork", "parent saw the child exit with 0", "parent after the fork"};
+    EXPECT_EQ(RunLines(parent, parentLines), byThread[parent]);
+    byThread.erase(parent);
+    Strings childLines;
+    for (int i = 0; i < 100; ++i)
+        childLines.push_back("child line " + std::to_string(i));
+    childLines.push_back("Curl global cleanup");
+    Strings threadLines;
+    for (int i = 0; i < 2000; ++i)
+        threadLines.push_back("parent thread " + std::to_string(i));
+    std::vector<Strings> others;
+    for (const auto& [thread, lines] : byThread)
+        others.push_back(lines);
+    std::sort(others.begin(), others.end());
+    const std::vector<Strings> expected = {childLines, threadLines}; // in sorted order
+    EXPECT_EQ(expected, others);
 }
