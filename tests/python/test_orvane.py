@@ -40,10 +40,15 @@ class Server:
     def session(self, **options):
         return orvane.Session(self.url, "demo", "demo-password", **options)
 
+    def rows(self, page, separator):
+        with urllib.request.urlopen(self.url + page, timeout=30) as reply:
+            return [line.split(separator) for line in reply.read().decode().splitlines()]
+
     def published(self):  # (project, name) -> (size, sha256) of each stored extract
-        with urllib.request.urlopen(self.url + "/__published", timeout=30) as reply:
-            rows = [line.split("\t") for line in reply.read().decode().splitlines()]
-        return {(r[0], r[1]): (int(r[2]), r[3]) for r in rows}
+        return {(r[0], r[1]): (int(r[2]), r[3]) for r in self.rows("/__published", "\t")}
+
+    def stats(self):  # "sessions" signed in now, "connections" that carried API requests so far
+        return {name: int(value) for name, value in self.rows("/__stats", " ")}
 
     def silent(self):  # a listener that never answers: connections wait in its backlog
         self.listeners.append(socket.create_server(("127.0.0.1", 0)))
@@ -264,6 +269,25 @@ def test_what_a_session_refuses_by_default(server, scripted, routes, options, er
     outcome = contextlib.nullcontext() if error is None else pytest.raises(error, match=text)
     with outcome:
         orvane.Session(url, "demo", "demo-password", **options).close()
+
+
+ROUND_TRIPS = {  # Session options: connections the server saw for a session with three publishes
+    "the defaults": ({}, 1),
+    "a connection per request": ({"reuse_connection": False, "project_cache": None, "expect_continue": True}, 14),
+}
+
+
+@pytest.mark.parametrize("options, connections", ROUND_TRIPS.values(), ids=ROUND_TRIPS.keys())
+def test_a_session_saves_round_trips_and_signs_out(server, options, connections):
+    paths = [server.extract(f"r{i}.qrx", 1000) for i in range(3)]
+    with server.session(**options) as s:
+        for path in paths:
+            s.publish(path, "Samples")
+        signed_in = server.stats()["sessions"]
+    stats = server.stats()
+    assert signed_in == 1
+    assert stats["sessions"] == 0
+    assert stats["connections"] == connections
 
 
 def test_cancel_stops_a_whole_batch(server):
