@@ -13,6 +13,7 @@ from __future__ import annotations
 import contextlib
 import ctypes
 import dataclasses
+import functools
 import os
 import queue
 import signal
@@ -272,7 +273,7 @@ class Session:
                     except queue.Empty:
                         return
                     path = texts[index]
-                    report = None if progress is None else (lambda sent, total: progress(path, sent, total))
+                    report = None if progress is None else functools.partial(progress, path)
                     try:
                         results[index] = session.publish(path, project, overwrite=overwrite, progress=report)
                     except Exception as error:
