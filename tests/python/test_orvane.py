@@ -201,7 +201,6 @@ def test_each_failure_raises_its_class(server, case):
 
 MISUSE = {  # what is wrong: (call on a signed-in session, error, piece of its text)
     "project None": (lambda s, path: s.publish(path, None), TypeError, "project must be a str, not NoneType"),
-    "name not a str": (lambda s, path: s.publish(path, "Samples", 7), TypeError, "name must be a str, not int"),
     "path None": (lambda s, path: s.publish(None, "Samples"), TypeError, "path must be a str or os.PathLike"),
     "limit as text": (lambda s, path: orvane.Session("http://x", "u", "p", stall_timeout="5"), TypeError,
                       "stall_timeout must be an int, not str"),
