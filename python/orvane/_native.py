@@ -15,7 +15,7 @@ import tempfile
 import threading
 from ctypes import POINTER, c_char_p, c_int, c_long, c_uint64, c_void_p, c_wchar_p
 from pathlib import Path
-from typing import Any, List, Optional, Set
+from typing import Any, Iterator, List, Optional, Set
 
 from ._errors import LibraryError
 
@@ -61,6 +61,7 @@ _LATER = {
     "OrvServerAPISetLogListener": (LOG_LISTENER, c_void_p),
 }
 
+_LOG_UNAVAILABLE = 502  # ORV_RESULT_LogUnavailable
 _lock = threading.RLock()  # reentrant: a collected Session closes its handle from any allocation
 _lib: Optional[ctypes.CDLL] = None
 _started = False
@@ -155,21 +156,21 @@ def library() -> ctypes.CDLL:
         return _lib
 
 
-def log_directory() -> Optional[Path]:
-    """Where the log goes: None for $ORV_SDK_LOGDIR (the library reads it), else
-    $XDG_STATE_HOME/orvane (~/.local/state/orvane), else a private temporary
-    directory; never the working directory."""
+def _log_directories() -> Iterator[Optional[Path]]:
+    """Where the log may go, in order: None for $ORV_SDK_LOGDIR (the library
+    reads it), else $XDG_STATE_HOME/orvane (~/.local/state/orvane), then a
+    private temporary directory; never the working directory."""
     if os.environ.get("ORV_SDK_LOGDIR"):
-        return None
+        yield None
+        return
     state = os.environ.get("XDG_STATE_HOME") or os.path.join(os.path.expanduser("~"), ".local", "state")
     directory = Path(state) / "orvane"
     try:
         directory.mkdir(mode=0o700, parents=True, exist_ok=True)
-        if os.access(directory, os.W_OK | os.X_OK):
-            return directory
+        yield directory
     except OSError:
         pass
-    return Path(tempfile.mkdtemp(prefix="orvane-log-"))
+    yield Path(tempfile.mkdtemp(prefix="orvane-log-"))
 
 
 def _on_log_line(_: Any, line: Optional[bytes]) -> None:
@@ -190,12 +191,14 @@ def start() -> ctypes.CDLL:
     lib = library()
     with _lock:
         if not _started:
-            if has("OrvServerAPISetLogDirectory"):
-                directory = log_directory()
-                lib.OrvServerAPISetLogDirectory(None if directory is None else utf16(str(directory)))
             if has("OrvServerAPISetLogListener"):
                 lib.OrvServerAPISetLogListener(_listener, None)
-            code = lib.OrvServerAPIInitialize()
+            for directory in _log_directories():
+                if has("OrvServerAPISetLogDirectory"):
+                    lib.OrvServerAPISetLogDirectory(None if directory is None else utf16(str(directory)))
+                code = lib.OrvServerAPIInitialize()
+                if code != _LOG_UNAVAILABLE:  # else the library stays stopped and takes another directory
+                    break
             if code != 0:
                 raise LibraryError(code, f"libOrvaneServer did not start: {lib.OrvGetLastErrorMessage()}")
             _started = True
