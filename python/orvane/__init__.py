@@ -231,7 +231,8 @@ class Session:
                      raise_on_error: bool = True) -> List[Any]:
         """Publishes every extract of ``paths`` into ``project`` (each under its
         file name without ".qrx") on up to ``jobs`` sessions at once: this one
-        and more signed in like it, signed out at the end.
+        and more signed in like it (one that cannot sign in leaves its share to
+        the others), signed out at the end.
 
         Returns a PublishResult per path, in order. When some fail, raises one
         BatchError that lists them (its ``results`` hold the rest), or, with
