@@ -7,7 +7,10 @@
 
 #include <orvane/OrvaneCommon.h>
 
+#include <cxxabi.h>
+
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "common/HandleRepository.h"
@@ -23,6 +26,8 @@ inline void SetLastError(const wchar_t* message)
 {
     try {
         OrvSetLastErrorMessage(message);
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (...) {
         // Out of memory for the message itself: the code still tells the caller.
     }
@@ -45,6 +50,8 @@ inline void LogUnknownError()
             reason = "an exception of unknown type";
         }
         Logger::Get()->QueueMessage("Error: " + reason);
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (...) {
         // Out of memory for the line: the caller still gets its code.
     }
@@ -54,6 +61,8 @@ template <class Operation> ORV_RESULT Guarded(Operation&& operation)
 {
     try {
         return operation();
+    } catch (abi::__forced_unwind&) {
+        throw; // the caller's thread is being cancelled: let it unwind
     } catch (const ServerException& e) {
         SetLastError(e.getMessage().c_str());
         return e.getErrorCode();
@@ -73,15 +82,15 @@ inline bool Missing(const void* argument, const wchar_t* message)
     return true;
 }
 
-// Null, closed or never created; only the registry knows, and the handle is
-// then used as the session's address.
-inline ServerConnection* Session(void* handle)
+// Null, closed or never created; only the registry knows. The share keeps
+// the session alive for the whole call, should another thread close the
+// handle meanwhile.
+inline std::shared_ptr<ServerConnection> Session(void* handle)
 {
-    if (!OrvGetHandleRepository().handleExists(handle) || handle == nullptr) {
+    std::shared_ptr<ServerConnection> session = OrvGetHandleRepository().findHandle<ServerConnection>(handle);
+    if (!session)
         SetLastError(L"Invalid ServerConnection handle");
-        return nullptr;
-    }
-    return static_cast<ServerConnection*>(handle);
+    return session;
 }
 
 // The common shape of a function on a handle: the handle looked up, then
@@ -89,8 +98,8 @@ inline ServerConnection* Session(void* handle)
 template <class Operation> ORV_RESULT OnSession(void* handle, Operation&& operation)
 {
     return Guarded([&] {
-        ServerConnection* session = Session(handle);
-        if (session == nullptr)
+        const std::shared_ptr<ServerConnection> session = Session(handle);
+        if (!session)
             return ORV_RESULT_BadHandle;
         operation(*session);
         return ORV_RESULT_Success;

@@ -19,6 +19,10 @@ namespace OrvaneInternal {
 
 int OrvHandleClose(void* handle)
 {
+    // A call running on another thread keeps its own share of the session:
+    // it is asked to stop, and the session goes when the call has returned.
+    if (const std::shared_ptr<ServerConnection> session = OrvGetHandleRepository().findHandle<ServerConnection>(handle))
+        session->Cancel();
     return OrvGetHandleRepository().removeHandle(handle) ? ORV_RESULT_Success : ORV_RESULT_BadHandle;
 }
 

@@ -6,7 +6,6 @@
 
 #include "capi/ExportedCall.h"
 #include "capi/LibraryVersion.h"
-#include "network/TransferOptions.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
 #include "sys/Unicode.h"
@@ -16,7 +15,6 @@
 using OrvaneInternal::FailureKind;
 using OrvaneInternal::ServerConnection;
 using OrvaneInternal::ServerException;
-using OrvaneInternal::TransferOptions;
 using namespace OrvaneInternal::Exported;
 
 static_assert(ORV_VERSION_MAJOR == ORV_LIBRARY_VERSION_MAJOR && ORV_VERSION_MINOR == ORV_LIBRARY_VERSION_MINOR &&
@@ -32,9 +30,6 @@ static_assert(static_cast<int>(ORV_FAILURE_Other) == static_cast<int>(FailureKin
 
 namespace {
 
-constexpr long kSmallestUploadBuffer = 16 * 1024; // libcurl's limits
-constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
-
 // Indexed by ORV_FAILURE.
 const char* const kFailureNames[] = {
     "None",          "SignInRefused",  "ProjectNotFound", "ExtractUnusable",  "AlreadyExists",
@@ -44,13 +39,6 @@ const char* const kFailureNames[] = {
     "Cancelled",     "Other",
 };
 static_assert(sizeof kFailureNames / sizeof kFailureNames[0] == ORV_FAILURE_Other + 1, "a name for every kind");
-
-bool OutOfRange(bool refused, const wchar_t* message)
-{
-    if (refused)
-        SetLastError(message);
-    return refused;
-}
 
 } // namespace
 
@@ -63,10 +51,7 @@ const char* OrvServerAPIGetVersion(void)
 
 ORV_RESULT OrvServerConnectionSetProgressCallback(void* handle, ORV_PROGRESS_CALLBACK callback, void* userData)
 {
-    return OnSession(handle, [&](ServerConnection& session) {
-        session.Options().m_progress = callback;
-        session.Options().m_progressData = callback != nullptr ? userData : nullptr;
-    });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetProgressCallback(callback, userData); });
 }
 
 ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* projectName)
@@ -78,7 +63,7 @@ ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* pr
 
 ORV_RESULT OrvServerConnectionEnableCancel(void* handle)
 {
-    return OnSession(handle, [](ServerConnection& session) { session.Options().m_cancelEnabled = true; });
+    return OnSession(handle, [](ServerConnection& session) { session.EnableCancel(); });
 }
 
 ORV_RESULT OrvServerConnectionCancel(void* handle)
@@ -88,42 +73,49 @@ ORV_RESULT OrvServerConnectionCancel(void* handle)
 
 ORV_RESULT OrvServerConnectionSetConnectTimeout(void* handle, long seconds)
 {
-    if (OutOfRange(seconds < 0, L"Invalid argument 'seconds'"))
-        return ORV_RESULT_InvalidArgument;
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_connectTimeout = seconds; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetConnectTimeout(seconds); });
 }
 
 ORV_RESULT OrvServerConnectionSetStallTimeout(void* handle, long seconds)
 {
-    if (OutOfRange(seconds < 0, L"Invalid argument 'seconds'"))
-        return ORV_RESULT_InvalidArgument;
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_stallTimeout = seconds; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetStallTimeout(seconds); });
+}
+
+ORV_RESULT OrvServerConnectionSetReplyTimeout(void* handle, long seconds)
+{
+    return OnSession(handle, [&](ServerConnection& session) { session.SetReplyTimeout(seconds); });
+}
+
+ORV_RESULT OrvServerConnectionSetTotalTimeout(void* handle, long seconds)
+{
+    return OnSession(handle, [&](ServerConnection& session) { session.SetTotalTimeout(seconds); });
 }
 
 ORV_RESULT OrvServerConnectionSetMaxRedirects(void* handle, long count)
 {
-    return OnSession(handle,
-                     [&](ServerConnection& session) { session.Options().m_maxRedirects = count < 0 ? -1 : count; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetMaxRedirects(count); });
 }
 
 ORV_RESULT OrvServerConnectionSetMaxReplySize(void* handle, uint64_t bytes)
 {
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_maxReplySize = bytes; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetMaxReplySize(bytes); });
 }
 
 ORV_RESULT OrvServerConnectionSetCACertificates(void* handle, const unsigned short* path)
 {
     return OnSession(handle, [&](ServerConnection& session) {
-        session.Options().m_caPath = path != nullptr ? Unicode::ToUTF8(Wide(path)).str() : "";
+        session.SetCACertificates(path != nullptr ? Unicode::ToUTF8(Wide(path)).str() : std::string());
     });
 }
 
 ORV_RESULT OrvServerConnectionSetUploadBufferSize(void* handle, long bytes)
 {
-    if (OutOfRange(bytes != 0 && (bytes < kSmallestUploadBuffer || bytes > kLargestUploadBuffer),
-                   L"Invalid argument 'bytes'"))
-        return ORV_RESULT_InvalidArgument;
-    return OnSession(handle, [&](ServerConnection& session) { session.Options().m_uploadBufferSize = bytes; });
+    return OnSession(handle, [&](ServerConnection& session) { session.SetUploadBufferSize(bytes); });
+}
+
+ORV_RESULT OrvServerConnectionSetRedirectPolicy(void* handle, ORV_REDIRECT_POLICY policy)
+{
+    return OnSession(handle, [&](ServerConnection& session) { session.SetRedirectPolicy(static_cast<int>(policy)); });
 }
 
 ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* status)

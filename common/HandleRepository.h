@@ -33,6 +33,10 @@ class ORV_COMMON_CLASS HandleRepository {
 
     // True if `handle` is registered; a null handle is simply not registered.
     bool handleExists(void* handle);
+    // A share in the object registered as `handle` by registerHandle<T>, so
+    // that removing the handle meanwhile does not destroy it; null when not
+    // registered.
+    template <class T> std::shared_ptr<T> findHandle(void* handle);
     // Erases `handle` and destroys its value (outside the lock); true if it was there.
     bool removeHandle(void* handle);
 
@@ -64,4 +68,16 @@ template <class T> bool HandleRepository::registerHandle(T* object)
     std::shared_ptr<T> owner(object);
     inserted.first->second = boost::any(std::move(owner));
     return true;
+}
+
+template <class T> std::shared_ptr<T> HandleRepository::findHandle(void* handle)
+{
+    if (handle == nullptr)
+        return nullptr;
+    scoped_read_lock lock(m_lock);
+    const auto found = m_handles.find(handle);
+    if (found == m_handles.end())
+        return nullptr;
+    const auto* owner = boost::any_cast<std::shared_ptr<T>>(&found->second);
+    return owner != nullptr ? *owner : nullptr;
 }

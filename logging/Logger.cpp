@@ -16,9 +16,6 @@ class NullLogger : public Logger {
     void QueueMessage(const std::string&) override {}
     void Flush() override {}
     void QueueStop() override {}
-    void BeforeFork() override {}
-    void AfterForkInParent() override {}
-    void AfterForkInChild() override {}
     const std::wstring& GetBaseFilePath() const override
     {
         static const std::wstring* const empty = new std::wstring(); // lives for the process

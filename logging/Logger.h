@@ -32,9 +32,10 @@ class Logger : public Runnable {
     // needs; the parent then resumes as it was, and the child gets an empty
     // queue of its own, ready for a new writer (the parent's is not there).
     // Lines the parent had queued are written by the parent alone.
-    virtual void BeforeFork() = 0;
-    virtual void AfterForkInParent() = 0;
-    virtual void AfterForkInChild() = 0;
+    // A logger without a writer thread has nothing to hold.
+    virtual void BeforeFork() {}
+    virtual void AfterForkInParent() {}
+    virtual void AfterForkInChild() {}
 
     // Installs `logger` (a null one empties the slot). Meant for start-up,
     // before other threads log: the slot itself is not locked.

@@ -2,9 +2,10 @@
 
 #include "logging/Logger.h"
 #include "network/CurlNetworkException.h"
-#include "network/CurlTransferOptions.h"
-#include "rest/BufferReply.h"
+#include "network/CurlTransfer.h"
+#include "rest/RestReply.h"
 #include "rest/RestRequest.h"
+#include "server/SessionOptions.h"
 
 #include <QtCore/QList>
 #include <QtCore/QString>
@@ -13,35 +14,21 @@
 #include <QtNetwork/QNetworkProxyFactory>
 #include <QtNetwork/QNetworkProxyQuery>
 
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
-
-#include <exception>
+#include <cctype>
 #include <memory>
 
 namespace OrvaneInternal {
 
 namespace {
 
-// The exception a callback caught, waiting for Send to rethrow it on the same
-// thread once libcurl has unwound.
-thread_local std::exception_ptr t_callbackError;
-
-template <class F, class R> R Guarded(R onError, F&& body)
-{
-    try {
-        return body();
-    } catch (...) {
-        if (!t_callbackError)
-            t_callbackError = std::current_exception();
-        return onError;
-    }
-}
-
 struct EasyDeleter {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
 };
 using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
+
+struct UrlDeleter {
+    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
 
 void AppendHeader(CurlHeaderList& headers, const std::string& line)
 {
@@ -52,16 +39,55 @@ void AppendHeader(CurlHeaderList& headers, const std::string& line)
     headers.reset(grown);
 }
 
-// Rethrows what a callback parked, or libcurl's own error.
-[[noreturn]] void ThrowTransferError(CURLcode code)
-{
-    if (t_callbackError) {
-        std::exception_ptr error = t_callbackError;
-        t_callbackError = nullptr;
-        std::rethrow_exception(error);
+// Scheme, host and port of a URL ("" for a part it lacks), lower case.
+struct Origin {
+    std::string scheme;
+    std::string host;
+    std::string port;
+
+    static Origin Of(const std::string& url)
+    {
+        std::unique_ptr<CURLU, UrlDeleter> parsed(curl_url());
+        Origin origin;
+        if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK)
+            return origin;
+        origin.scheme = Part(parsed.get(), CURLUPART_SCHEME, 0);
+        origin.host = Part(parsed.get(), CURLUPART_HOST, 0);
+        origin.port = Part(parsed.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
+        for (char& c : origin.host)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return origin;
     }
-    throw CurlNetworkException(code);
+    static std::string Part(CURLU* url, CURLUPart part, unsigned flags)
+    {
+        char* text = nullptr;
+        if (curl_url_get(url, part, &text, flags) != CURLUE_OK)
+            return std::string();
+        const std::string value(text);
+        curl_free(text);
+        return value;
+    }
+};
+
+bool RedirectAllowed(SessionOptions::RedirectPolicy policy, const std::string& from, const std::string& to)
+{
+    const Origin source = Origin::Of(from);
+    const Origin target = Origin::Of(to);
+    switch (policy) {
+    case SessionOptions::RedirectPolicy::NoDowngrade:
+        return !(source.scheme == "https" && target.scheme != "https");
+    case SessionOptions::RedirectPolicy::SameOrigin:
+        return !target.scheme.empty() && source.scheme == target.scheme && source.host == target.host &&
+               source.port == target.port;
+    case SessionOptions::RedirectPolicy::Follow:
+        break;
+    }
+    return true;
 }
+
+// A redirect policy's handle follows redirects itself; without a limit of
+// its own, this many keep a redirect loop from running forever.
+constexpr long kRedirectsWithoutLimit = 50;
 
 } // namespace
 
@@ -73,50 +99,6 @@ CurlHeaderList MakeHeaderList(const RestRequest& request)
     AppendHeader(headers, "Content-Type: " + request.m_contentType);
     AppendHeader(headers, "X-Orvane-Auth: " + request.m_token);
     return headers;
-}
-
-size_t ReadFunction(char* buffer, size_t size, size_t nmemb, void* userdata)
-{
-    return Guarded<>(static_cast<size_t>(CURL_READFUNC_ABORT),
-                     [&] { return static_cast<RestRequest*>(userdata)->m_body.Read(buffer, size * nmemb); });
-}
-
-int SeekFunction(void* userdata, curl_off_t offset, int origin)
-{
-    return Guarded<>(static_cast<int>(CURL_SEEKFUNC_FAIL), [&] {
-        if (origin != SEEK_SET)
-            throw CurlNetworkException(std::string("CurlNetwork error: Seek origin other than SEEK_SET."));
-        return static_cast<RestRequest*>(userdata)->m_body.Seek(static_cast<size_t>(offset));
-    });
-}
-
-size_t WriteFunction(char* data, size_t size, size_t nmemb, void* userdata)
-{
-    const size_t bytes = size * nmemb;
-    return Guarded<>(static_cast<size_t>(0), [&] {
-        static_cast<RestReply*>(userdata)->Write(data, bytes);
-        return bytes;
-    });
-}
-
-CURLcode SslCtxCallback(CURL*, void* sslContext, void* userdata)
-{
-    return Guarded<>(CURLE_ABORTED_BY_CALLBACK, [&] {
-        auto* network = static_cast<CurlNetwork*>(userdata);
-        // A copy: the cache may be refilled while a later handshake uses it.
-        std::map<std::wstring, std::vector<Certificate>> stores = network->GetCACertficates();
-        X509_STORE* store = SSL_CTX_get_cert_store(static_cast<SSL_CTX*>(sslContext));
-        for (auto& entry : stores) {
-            for (Certificate& certificate : entry.second) {
-                if (X509_STORE_add_cert(store, certificate.AsX509()) == 0) {
-                    Logger::Get()->QueueMessage(L"NetworkReply::sslCtxCallback: failed to add certificate " +
-                                                certificate.GetSubjectInfo(Certificate::CommonName) + L" from store " +
-                                                entry.first);
-                }
-            }
-        }
-        return CURLE_OK;
-    });
 }
 
 void CurlNetwork::SetProxyCredentials(const std::string& user, const std::string& password)
@@ -227,65 +209,78 @@ bool CurlNetwork::Authenticate(CURL* handle)
     return true;
 }
 
-void CurlNetwork::Send(RestRequest& request, RestReply& reply)
+bool CurlNetwork::FollowRedirect(CURL* handle, const SessionOptions& options, long status, std::string& url,
+                                 long& redirects)
+{
+    if (!options.m_redirectPolicy || *options.m_redirectPolicy == SessionOptions::RedirectPolicy::Follow)
+        return false;
+    char* location = nullptr;
+    Check(curl_easy_getinfo(handle, CURLINFO_REDIRECT_URL, &location));
+    if (status < 300 || status > 399 || location == nullptr)
+        return false;
+    const std::string target(location);
+    const long limit =
+        options.m_maxRedirects && *options.m_maxRedirects >= 0 ? *options.m_maxRedirects : kRedirectsWithoutLimit;
+    if (redirects >= limit)
+        throw CurlNetworkException(CURLE_TOO_MANY_REDIRECTS);
+    if (!RedirectAllowed(*options.m_redirectPolicy, url, target))
+        throw CurlNetworkException(FailureKind::RedirectRefused, "Redirect refused: " + target);
+    ++redirects;
+    url = target;
+    SetOpt(handle, CURLOPT_URL, url.c_str());
+    SetOpt(handle, CURLOPT_PROXY, ""); // the new target's own proxy, if any, follows
+    SetProxy(handle, url);
+    return true;
+}
+
+void CurlNetwork::Send(RestRequest& request, RestReply& reply, CallContext& context)
 {
     m_authenticationTried = false;
-    t_callbackError = nullptr;
     EasyHandle easy(curl_easy_init());
     if (!easy)
         throw CurlNetworkException(CURLE_OUT_OF_MEMORY);
     CURL* handle = easy.get();
+    const SessionOptions& options = context.Options();
+    const bool ownRedirects =
+        options.m_redirectPolicy && *options.m_redirectPolicy != SessionOptions::RedirectPolicy::Follow;
 
-    SetOpt(handle, CURLOPT_URL, request.m_url.c_str());
+    std::string url = request.m_url;
+    SetOpt(handle, CURLOPT_URL, url.c_str());
     const bool post = request.m_method == RestRequest::Post;
     if (post) {
         SetOpt(handle, CURLOPT_POST, 1L);
         SetOpt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.m_body.GetSize()));
-        SetOpt(handle, CURLOPT_READFUNCTION, &ReadFunction);
-        SetOpt(handle, CURLOPT_READDATA, static_cast<void*>(&request));
-        SetOpt(handle, CURLOPT_SEEKFUNCTION, &SeekFunction);
-        SetOpt(handle, CURLOPT_SEEKDATA, static_cast<void*>(&request));
         SetOpt(handle, CURLOPT_POSTREDIR, static_cast<long>(CURL_REDIR_POST_ALL));
     } else {
         SetOpt(handle, CURLOPT_HTTPGET, 1L);
     }
-    SetOpt(handle, CURLOPT_WRITEFUNCTION, &WriteFunction);
-    SetOpt(handle, CURLOPT_WRITEDATA, static_cast<void*>(&reply));
-    SetOpt(handle, CURLOPT_SSL_CTX_FUNCTION, &SslCtxCallback);
-    SetOpt(handle, CURLOPT_SSL_CTX_DATA, static_cast<void*>(this));
-    SetOpt(handle, CURLOPT_FOLLOWLOCATION, 1L);
-    SetProxy(handle, request.m_url);
+    SetOpt(handle, CURLOPT_FOLLOWLOCATION, ownRedirects ? 0L : 1L);
+    SetProxy(handle, url);
 
     const CurlHeaderList headers = MakeHeaderList(request);
     SetOpt(handle, CURLOPT_HTTPHEADER, headers.get());
-    TransferWatch watch(m_options.get(), reply);
-    watch.Apply(handle);
+    CurlTransfer transfer(*this, request, reply, context);
+    transfer.Apply(handle);
+    transfer.Begin();
 
-    long responseCode = 0;
+    long redirects = 0;
     bool rewind = false;
     for (;;) {
-        reply.Clear();
-        if (rewind && request.m_body.Seek(0) != 0)
-            throw CurlNetworkException("CurlNetwork: Failed Rewind on URL: " + request.m_url);
+        transfer.Restart(rewind);
         const CURLcode code = curl_easy_perform(handle);
-        if (code != CURLE_OK) {
-            watch.ThrowIfStopped(code);
-            // A proxy that refuses the tunnel shows only in the CONNECT's status.
-            long connectCode = 0;
-            if (!t_callbackError && curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &connectCode) == CURLE_OK &&
-                connectCode >= 300)
-                throw CurlNetworkException(FailureKind::Proxy, curl_easy_strerror(code), code);
-            ThrowTransferError(code);
-        }
+        if (code != CURLE_OK)
+            transfer.Fail(handle, code);
+        transfer.KeepStatus(handle);
+        long responseCode = 0;
         Check(curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &responseCode));
         rewind = post;
-        // Authenticate arms credentials once per Send: at most two transfers.
-        if (!HandleAuthentication(handle, responseCode))
+        // Authenticate arms credentials once per Send: at most two transfers
+        // per URL.
+        if (HandleAuthentication(handle, responseCode))
+            continue;
+        if (!FollowRedirect(handle, options, responseCode, url, redirects))
             break;
     }
-    // BufferReply is the one reply kind that carries a status.
-    if (auto* buffer = dynamic_cast<BufferReply*>(&reply))
-        buffer->m_status = responseCode;
 }
 
 } // namespace OrvaneInternal

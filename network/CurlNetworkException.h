@@ -1,6 +1,6 @@
-// The transport's one exception type: libcurl's own text for a libcurl
-// failure, or a message of the transport, with the failure kind it stands for
-// and libcurl's code (CURLE_OK when libcurl did not report it).
+// The transport's exceptions: libcurl's own text for a libcurl failure, or a
+// message of the transport, with the failure kind it stands for and libcurl's
+// code (CURLE_OK when libcurl did not report one).
 #pragma once
 
 #include "network/FailureKind.h"
@@ -35,6 +35,14 @@ class CurlNetworkException : public std::exception {
     std::string m_message;
     CURLcode m_code = CURLE_OK;
     FailureKind m_failure = FailureKind::Other;
+};
+
+// A transfer stopped by the call's own settings rather than by the network:
+// a cancel (FailureKind::Cancelled, no text of its own) or one of the time
+// limits (ConnectTimeout, StallTimeout, ReplyTimeout, TotalTimeout).
+class TransferStopped : public CurlNetworkException {
+  public:
+    using CurlNetworkException::CurlNetworkException;
 };
 
 // Every libcurl call's code goes through here: a failure becomes the

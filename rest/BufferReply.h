@@ -19,6 +19,7 @@ class BufferReply : public RestReply {
     }
     // The status stays: it belongs to the exchange, not to the body.
     void Clear() override { m_data.clear(); }
+    void SetStatus(int64_t status) override { m_status = status; }
 
     int64_t m_status;         // set by the transport after the exchange
     std::vector<char> m_data; // body bytes in arrival order

@@ -60,9 +60,6 @@ size_t RestIO::Read(char* buffer, size_t size)
         m_current = static_cast<int32_t>(count) - 1;
     }
     m_position += total;
-    if (m_observer) {
-        m_observer(m_position);
-    }
     return total;
 }
 
@@ -111,9 +108,6 @@ int RestIO::Seek(size_t offset)
 int RestIO::Moved(uint64_t position)
 {
     m_position = position;
-    if (m_observer) {
-        m_observer(m_position);
-    }
     return kSeekOk;
 }
 

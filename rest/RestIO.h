@@ -8,10 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace OrvaneInternal {
@@ -55,11 +53,9 @@ class RestIO {
     // replaced by `to` (RestIOPart::gmock_equal). Read positions are ignored.
     bool gmock_equal(const RestIO& other, const std::string& from, const std::string& to) const;
 
-    // Told the read position after every Read and every successful Seek (a
-    // rewind for a resend tells 0); may throw to stop the transfer. Unset by
-    // default: a plain body pays one test per Read.
-    using Observer = std::function<void(uint64_t position)>;
-    void SetObserver(Observer observer) { m_observer = std::move(observer); }
+    // Bytes of the body before the read position: what Reads gave since the
+    // last successful Seek, plus its offset.
+    uint64_t GetPosition() const { return m_position; }
 
     std::vector<std::shared_ptr<RestIOPart>> m_parts; // in body order
     int32_t m_current;                                // index of the part being read; -1 while there are no parts
@@ -67,10 +63,9 @@ class RestIO {
   private:
     // Rewinds parts first..m_current; false as soon as one refuses.
     bool RewindThroughCurrent(size_t first);
-    // Seek's success: the new position, told to the observer.
+    // Seek's success: the new position.
     int Moved(uint64_t position);
 
-    Observer m_observer;
     uint64_t m_position = 0; // bytes of the body before the read position
 };
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace OrvaneInternal {
 
@@ -12,6 +13,9 @@ class RestReply {
     virtual size_t Write(char* data, size_t size) = 0;
     // Forgets the body so far; called before a transfer is repeated.
     virtual void Clear() = 0;
+    // The HTTP status of the exchange (0: none arrived); kept by replies that
+    // carry one.
+    virtual void SetStatus(int64_t) {}
 };
 
 } // namespace OrvaneInternal

@@ -23,7 +23,7 @@ std::shared_ptr<RestRequest> ConvertReqMsg(const ReqMsg& msg)
     case ReqMsg::Buffer:
         return std::make_shared<BufferRequest>(msg.m_method, url, token, xml);
     default: {
-        const auto* multipartMsg = dynamic_cast<const MultipartReqMsg*>(&msg);
+        const auto* multipartMsg = msg.AsMultipart();
         if (multipartMsg == nullptr)
             ThrowLogicError(QRX_Status::InvalidArgument, "multipart request message without a file part");
         auto request = std::make_shared<MultipartRequest>(msg.m_method, url, token);
@@ -35,12 +35,11 @@ std::shared_ptr<RestRequest> ConvertReqMsg(const ReqMsg& msg)
     }
 }
 
-std::string ConvertRestReply(RestReply& reply, const ReqMsg::RepType& type)
+std::string ConvertRestReply(const BufferReply& reply, const ReqMsg::RepType& type)
 {
     if (type == ReqMsg::Unknown)
         return std::string();
-    const auto& buffer = dynamic_cast<const BufferReply&>(reply);
-    return std::string(buffer.m_data.begin(), buffer.m_data.end());
+    return std::string(reply.m_data.begin(), reply.m_data.end());
 }
 
 } // namespace OrvaneInternal

@@ -8,15 +8,14 @@
 
 namespace OrvaneInternal {
 
-class RestReply;
+class BufferReply;
 
 // The HTTP request for `msg`; empty for ReqType None. A Multipart message must
 // be a MultipartReqMsg. Request constructors' errors (e.g. a file that cannot
 // be opened) pass through.
 std::shared_ptr<RestRequest> ConvertReqMsg(const ReqMsg& msg);
 
-// The bytes the reply collected, unconverted; "" for RepType Unknown. The
-// reply must be a BufferReply.
-std::string ConvertRestReply(RestReply& reply, const ReqMsg::RepType& type);
+// The bytes the reply collected, unconverted; "" for RepType Unknown.
+std::string ConvertRestReply(const BufferReply& reply, const ReqMsg::RepType& type);
 
 } // namespace OrvaneInternal

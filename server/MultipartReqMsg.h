@@ -9,6 +9,8 @@ class MultipartReqMsg : public ReqMsg {
   public:
     using ReqMsg::ReqMsg;
 
+    const MultipartReqMsg* AsMultipart() const override { return this; }
+
     // Local path of the file to upload.
     virtual std::wstring GetPath() const = 0;
     // Form-data name of the file part.

@@ -10,6 +10,8 @@
 
 namespace OrvaneInternal {
 
+class MultipartReqMsg;
+
 class ReqMsg {
   public:
     // Which kind of RestRequest the message becomes; any value other than
@@ -26,6 +28,8 @@ class ReqMsg {
 
     virtual std::wstring GetUrl() const { return std::wstring(); }
     virtual std::wstring GetXml() const { return std::wstring(); }
+    // The file part's side of a Multipart message; null for other messages.
+    virtual const MultipartReqMsg* AsMultipart() const { return nullptr; }
     virtual ~ReqMsg() = default;
 
     const std::wstring m_host;

@@ -1,11 +1,10 @@
 #include "server/ServerConnection.h"
 
 #include "logging/Logger.h"
+#include "network/CallContext.h"
 #include "network/CurlNetworkException.h"
-#include "network/FailureKind.h"
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
-#include "network/TransferOptions.h"
 #include "rest/BufferReply.h"
 #include "rest/RestIO.h"
 #include "server/ConnectReqMsg.h"
@@ -24,6 +23,7 @@
 
 #include <cxxabi.h>
 
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -38,7 +38,10 @@ void Log(const std::wstring& line)
 
 const wchar_t kNotConnected[] = L"Connect must be called first";
 const wchar_t kCancelled[] = L"Cancelled";
-constexpr uint64_t kProgressStep = 64 * 1024;
+// Longest time limit: libcurl counts milliseconds in an int.
+constexpr long kLongestSeconds = 2147483;
+constexpr long kSmallestUploadBuffer = 16 * 1024; // libcurl's limits
+constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
 
 // What a refused reply means, by status and by what was asked:
 //   401, 403, 404 at sign-in     -> SignInRefused (wrong credentials or site)
@@ -63,62 +66,91 @@ FailureKind FailureOfStatus(int64_t status, ServerConnection::Exchange exchange)
     return FailureKind::ReplyUnreadable;
 }
 
-// The kind of the exception being handled, for exceptions that are not
-// ServerException: a body part that cannot be read is the extract's fault,
-// and the standard library's number errors come from a reply's values.
-FailureKind FailureOfCurrentException()
+// The one place where a transport failure becomes the session's error: a
+// cancel gives "Cancelled" (500), a time limit of the call's own libcurl's
+// text (501), any other failure libcurl's text (400); each keeps its kind and
+// libcurl's code. Other exceptions pass unchanged.
+[[noreturn]] void ThrowTransportFailure()
 {
     try {
         throw;
-    } catch (const ServerException& e) {
-        return e.getFailure();
-    } catch (RestIO::RestIOException&) {
-        return FailureKind::ExtractUnusable;
-    } catch (const std::invalid_argument&) {
-        return FailureKind::ReplyUnreadable;
-    } catch (const std::out_of_range&) {
-        return FailureKind::ReplyUnreadable;
-    } catch (...) {
-        return FailureKind::Other;
+    } catch (const TransferStopped& e) {
+        const bool cancelled = e.Failure() == FailureKind::Cancelled;
+        const std::wstring text = cancelled ? std::wstring(kCancelled) : Unicode::ToWideChar(e.what()).str();
+        Log(text);
+        throw ServerException(cancelled ? ServerException::Cancelled : ServerException::TimedOut, text, e.Failure(),
+                              e.Code());
+    } catch (const CurlNetworkException& e) {
+        LogCurlError(e);
+        throw ServerException(ServerException::NetworkFailure, Unicode::ToWideChar(e.what()).str(), e.Failure(),
+                              e.Code());
     }
+}
+
+// Refuses a setting out of range, naming the argument as the caller knows it.
+void CheckRange(bool valid, const wchar_t* argument)
+{
+    if (!valid)
+        throw ServerException(ServerException::InvalidArgument, std::wstring(L"Invalid argument '") + argument + L"'");
+}
+
+std::optional<long> Seconds(long seconds)
+{
+    CheckRange(seconds >= 0 && seconds <= kLongestSeconds, L"seconds");
+    if (seconds == 0)
+        return std::nullopt;
+    return seconds;
 }
 
 } // namespace
 
-ServerConnection::CallScope::CallScope(ServerConnection& session) : m_session(session)
-{
-    m_session.m_lastStatus = 0;
-    m_session.m_lastReason.clear();
-    m_session.m_lastFailure = FailureKind::None;
-    m_session.m_lastTransportCode = 0;
-    m_session.m_uploadSent = 0;
-    m_session.m_uploadTotal = 0;
-}
-
-ServerConnection::CallScope::~CallScope()
-{
-    // A cancel that came too late to stop this call must not stop the next.
-    m_session.m_options->m_cancel.store(false);
-}
-
 template <class Body> void ServerConnection::RunCall(Body&& body)
 {
-    const CallScope call(*this);
+    m_lastStatus = 0;
+    m_lastReason.clear();
+    m_lastFailure = FailureKind::None;
+    m_lastTransportCode = 0;
+    CallContext context(m_options, m_cancel);
+    m_call = &context;
+    const auto end = [&] {
+        m_call = nullptr;
+        m_uploadSent = context.m_uploadSent;
+        m_uploadTotal = context.m_uploadTotal;
+        // A cancel that came too late to stop this call must not stop the next.
+        m_cancel.store(false);
+    };
     try {
-        if (m_options->m_cancel.exchange(false))
+        if (m_cancel.exchange(false))
             throw ServerException(ServerException::Cancelled, kCancelled);
         body();
     } catch (abi::__forced_unwind&) {
-        throw; // a thread being cancelled must unwind through here untouched
+        end();
+        throw; // a thread being cancelled unwinds through here untouched
     } catch (...) {
-        m_lastFailure = FailureOfCurrentException();
-        try {
-            throw;
-        } catch (const ServerException& e) {
-            m_lastTransportCode = e.getTransportCode();
-        } catch (...) {
-        }
+        end();
+        RecordFailure();
         throw;
+    }
+    end();
+}
+
+void ServerConnection::RecordFailure()
+{
+    // A body part that cannot be read is the extract's fault; the standard
+    // library's number errors come from a reply's values.
+    try {
+        throw;
+    } catch (const ServerException& e) {
+        m_lastFailure = e.getFailure();
+        m_lastTransportCode = e.getTransportCode();
+    } catch (RestIO::RestIOException&) {
+        m_lastFailure = FailureKind::ExtractUnusable;
+    } catch (const std::invalid_argument&) {
+        m_lastFailure = FailureKind::ReplyUnreadable;
+    } catch (const std::out_of_range&) {
+        m_lastFailure = FailureKind::ReplyUnreadable;
+    } catch (...) {
+        m_lastFailure = FailureKind::Other;
     }
 }
 
@@ -128,8 +160,6 @@ ServerConnection::ServerConnection() : m_network(NetworkFactory::Create())
     // (and releases) one too.
     if (!s_initialized)
         throw ServerException(ServerException::NotInitialized, L"Initialize() must be called before any other use.");
-    m_options = std::make_shared<TransferOptions>();
-    m_network->SetTransferOptions(m_options);
 }
 
 ServerConnection::~ServerConnection()
@@ -162,34 +192,30 @@ std::string ServerConnection::Send(const ReqMsg& message, Exchange exchange)
         throw ServerException(ServerException::UnknownReplyType, L"Unknown REST reply type");
     if (!request) // a message of kind None has nothing to send
         ThrowLogicError(QRX_Status::InvalidArgument, "request message converts to no HTTP request");
-    auto reply = std::make_shared<BufferReply>();
-    WatchBody(*request, exchange == Exchange::Upload || exchange == Exchange::Overwrite);
+    // A request made outside an exported call gets a context of its own.
+    std::optional<CallContext> alone;
+    CallContext& context = m_call != nullptr ? *m_call : alone.emplace(m_options, m_cancel);
+    context.m_upload = exchange == Exchange::Upload || exchange == Exchange::Overwrite;
+    BufferReply reply;
     try {
-        m_network->Send(*request, *reply);
-    } catch (const TransferStopped& e) {
-        const bool cancelled = e.GetReason() == TransferStopped::Cancelled;
-        const std::wstring text = Unicode::ToWideChar(e.what()).str();
-        Log(text);
-        throw ServerException(cancelled ? ServerException::Cancelled : ServerException::TimedOut, text, e.Failure(),
-                              e.Code());
-    } catch (const CurlNetworkException& e) {
-        LogCurlError(e);
-        throw ServerException(ServerException::NetworkFailure, Unicode::ToWideChar(e.what()).str(), e.Failure(),
-                              e.Code());
+        m_network->Send(*request, reply, context);
+    } catch (...) {
+        m_lastStatus = reply.m_status;
+        ThrowTransportFailure();
     }
-    std::string body = ConvertRestReply(*reply, message.m_repType);
-    m_lastStatus = reply->m_status;
+    std::string body = ConvertRestReply(reply, message.m_repType);
+    m_lastStatus = reply.m_status;
     // Unsigned on purpose: 0 and negative statuses fail too.
-    if (static_cast<uint64_t>(reply->m_status) - 200 <= 99)
+    if (static_cast<uint64_t>(reply.m_status) - 200 <= 99)
         return body;
     // The last error names the status only; the server's explanation goes to
     // the log, and to the caller only through the reason getter.
     m_lastReason = ServerReason(body);
-    const std::wstring text = L"Server Response Code: " + std::to_wstring(static_cast<int32_t>(reply->m_status));
+    const std::wstring text = L"Server Response Code: " + std::to_wstring(static_cast<int32_t>(reply.m_status));
     RefCntPtr<Logger> logger = Logger::Get();
     logger->QueueMessage(text);
     logger->QueueMessage("Response:\n" + body);
-    throw ServerException(ServerException::ServerResponseError, text, FailureOfStatus(reply->m_status, exchange));
+    throw ServerException(ServerException::ServerResponseError, text, FailureOfStatus(reply.m_status, exchange));
 }
 
 void ServerConnection::Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
@@ -303,44 +329,58 @@ void ServerConnection::CheckProject(const std::wstring& projectName)
     RunCall([&] { (void)FindProject(projectName); });
 }
 
-void ServerConnection::Cancel()
+void ServerConnection::SetConnectTimeout(long seconds)
 {
-    m_options->m_cancel.store(true);
+    m_options.m_connectTimeout = Seconds(seconds);
 }
 
-void ServerConnection::WatchBody(RestRequest& request, bool upload)
+void ServerConnection::SetStallTimeout(long seconds)
 {
-    const TransferOptions& options = *m_options;
-    if (options.m_cancel.load(std::memory_order_relaxed))
-        throw ServerException(ServerException::Cancelled, kCancelled);
-    if (!upload) {
-        request.m_body.SetObserver([&options](uint64_t) {
-            if (options.m_cancel.load(std::memory_order_relaxed))
-                throw TransferStopped(FailureKind::Cancelled, "Cancelled");
-        });
-        return;
-    }
-    // The upload's progress: what libcurl took for sending, told to the
-    // callback every kProgressStep bytes, at the end, and from 0 again when
-    // the body is rewound for a resend. Throwing stops the transfer.
-    const uint64_t total = request.m_body.GetSize();
-    m_uploadTotal = total;
-    m_uploadSent = 0;
-    const auto report = [&options, total](uint64_t position) {
-        return options.m_progress == nullptr || options.m_progress(options.m_progressData, position, total) == 0;
-    };
-    if (!report(0))
-        throw ServerException(ServerException::Cancelled, kCancelled);
-    request.m_body.SetObserver([this, &options, report, total, last = uint64_t(0)](uint64_t position) mutable {
-        m_uploadSent = position;
-        if (options.m_cancel.load(std::memory_order_relaxed))
-            throw TransferStopped(FailureKind::Cancelled, "Cancelled");
-        if (position == last || (position > last && position - last < kProgressStep && position != total))
-            return;
-        last = position;
-        if (!report(position))
-            throw TransferStopped(FailureKind::Cancelled, "Cancelled");
-    });
+    m_options.m_stallTimeout = Seconds(seconds);
+}
+
+void ServerConnection::SetReplyTimeout(long seconds)
+{
+    m_options.m_replyTimeout = Seconds(seconds);
+}
+
+void ServerConnection::SetTotalTimeout(long seconds)
+{
+    m_options.m_totalTimeout = Seconds(seconds);
+}
+
+void ServerConnection::SetMaxRedirects(long count)
+{
+    m_options.m_maxRedirects = count < 0 ? std::nullopt : std::optional<long>(count);
+}
+
+void ServerConnection::SetMaxReplySize(uint64_t bytes)
+{
+    m_options.m_maxReplySize = bytes == 0 ? std::nullopt : std::optional<uint64_t>(bytes);
+}
+
+void ServerConnection::SetCACertificates(const std::string& utf8Path)
+{
+    m_options.m_caPath = utf8Path.empty() ? std::nullopt : std::optional<std::string>(utf8Path);
+}
+
+void ServerConnection::SetUploadBufferSize(long bytes)
+{
+    CheckRange(bytes == 0 || (bytes >= kSmallestUploadBuffer && bytes <= kLargestUploadBuffer), L"bytes");
+    m_options.m_uploadBufferSize = bytes == 0 ? std::nullopt : std::optional<long>(bytes);
+}
+
+void ServerConnection::SetRedirectPolicy(int policy)
+{
+    using Policy = SessionOptions::RedirectPolicy;
+    CheckRange(policy >= static_cast<int>(Policy::Follow) && policy <= static_cast<int>(Policy::SameOrigin), L"policy");
+    m_options.m_redirectPolicy = static_cast<Policy>(policy);
+}
+
+void ServerConnection::SetProgressCallback(SessionOptions::ProgressCallback callback, void* userData)
+{
+    m_options.m_progress = callback;
+    m_options.m_progressData = callback != nullptr ? userData : nullptr;
 }
 
 } // namespace OrvaneInternal

@@ -1,10 +1,14 @@
 // The session with one server: one object per exported handle. It owns its
 // transport for its whole life and remembers where it signed in, with which
-// token and site. Not locked: one thread uses a session at a time.
+// token and site, the settings its calls run under, and the outcome of its
+// last call. Not locked: one thread uses a session at a time, except Cancel,
+// which any thread may call while another is inside a call.
 #pragma once
 
 #include "network/FailureKind.h"
+#include "server/SessionOptions.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -12,13 +16,15 @@
 
 namespace OrvaneInternal {
 
+class CallContext;
 class INetwork;
 class ReqMsg;
-class RestRequest;
-struct TransferOptions;
 
 class ServerConnection {
   public:
+    // What a request asks of the server, for reading a refusal.
+    enum class Exchange { SignIn, Lookup, Upload, Overwrite };
+
     // Throws ServerException 404 before library start-up (the transport is made
     // first, and released again).
     ServerConnection();
@@ -28,9 +34,6 @@ class ServerConnection {
     ServerConnection& operator=(const ServerConnection&) = delete;
 
     void SetProxyCredentials(const std::wstring& user, const std::wstring& password);
-    // What a request asks of the server, for reading a refusal.
-    enum class Exchange { SignIn, Lookup, Upload, Overwrite };
-
     void Connect(const std::wstring& host, const std::wstring& username, const std::wstring& password,
                  const std::wstring& siteId);
     // Forgets the sign-in on the client side; nothing is sent to the server.
@@ -48,7 +51,8 @@ class ServerConnection {
     bool QueryProjects(unsigned long pageNumber, std::unordered_map<std::wstring, std::wstring>& projects);
     void PublishExtractInternal(const std::wstring& path, const std::wstring& projectId,
                                 const std::wstring& datasourceName, bool overwrite);
-    // Performs one request; returns the body of a 2xx reply.
+    // Performs one request within the running call; returns the body of a
+    // 2xx reply.
     std::string Send(const ReqMsg& message, Exchange exchange);
 
     // libcurl's global state, owned by library start-up and shutdown.
@@ -56,21 +60,33 @@ class ServerConnection {
     static void Cleanup();
     static bool s_initialized;
 
-    // The extension settings, shared with the transport; set by the thread
-    // that uses the session.
-    TransferOptions& Options() { return *m_options; }
+    // The settings of later calls. Each setter checks its value and throws
+    // ServerException InvalidArgument for one out of range; 0 (or null)
+    // takes the setting back.
+    const SessionOptions& Options() const { return m_options; }
+    void SetConnectTimeout(long seconds);
+    void SetStallTimeout(long seconds);
+    void SetReplyTimeout(long seconds);
+    void SetTotalTimeout(long seconds);
+    void SetMaxRedirects(long count); // negative: no limit
+    void SetMaxReplySize(uint64_t bytes);
+    void SetCACertificates(const std::string& utf8Path);
+    void SetUploadBufferSize(long bytes);
+    void SetRedirectPolicy(int policy);
+    void SetProgressCallback(SessionOptions::ProgressCallback callback, void* userData);
+    void EnableCancel() { m_options.m_cancelEnabled = true; }
+
     // Safe from any thread while another is inside a call on the session.
-    void Cancel();
-    // Of the last call: the last reply's status (0: none), and the server's
-    // explanation when it refused ("" otherwise).
+    void Cancel() { m_cancel.store(true); }
+    // Of the last call: the status of the exchange it ended on (0: none), the
+    // server's explanation when it refused ("" otherwise), what kind of
+    // failure ended it (None after a success) and libcurl's code for it (0
+    // when libcurl reported none), and how much of its upload libcurl took
+    // for sending, of how much (both 0 without an upload).
     int64_t GetLastStatus() const { return m_lastStatus; }
     const std::wstring& GetLastReason() const { return m_lastReason; }
-    // Of the last call: what kind of failure ended it (None after a success)
-    // and libcurl's code for it (0 when libcurl reported none).
     FailureKind GetLastFailure() const { return m_lastFailure; }
     long GetLastTransportCode() const { return m_lastTransportCode; }
-    // Of the last call's upload: the bytes libcurl took for sending and the
-    // body's length; both 0 when it uploaded nothing.
     uint64_t GetUploadSent() const { return m_uploadSent; }
     uint64_t GetUploadTotal() const { return m_uploadTotal; }
 
@@ -80,33 +96,21 @@ class ServerConnection {
     const std::wstring& GetSiteId() const { return m_siteId; }
 
   private:
-    // Brackets every call: forgets the last call's outcome, and drops a cancel
-    // that came too late to stop the call.
-    class CallScope {
-      public:
-        explicit CallScope(ServerConnection& session);
-        ~CallScope();
-        CallScope(const CallScope&) = delete;
-        CallScope& operator=(const CallScope&) = delete;
-
-      private:
-        ServerConnection& m_session;
-    };
-
-    // Runs one call in a CallScope: stops at once for a cancel made before
-    // it, and records the kind of the failure that ends it.
+    // Runs one exported call: forgets the last call's outcome, builds the
+    // call's context, stops at once for a cancel made before the call,
+    // records the outcome, and drops a cancel that came too late to stop it.
     template <class Body> void RunCall(Body&& body);
+    // In a handler: the kind and code of the exception that ended the call.
+    void RecordFailure();
     void SignIn(const std::wstring& host, const std::wstring& username, const std::wstring& password,
                 const std::wstring& siteId);
     void Publish(const std::wstring& path, const std::wstring& projectName, const std::wstring& datasourceName,
                  bool overwrite);
 
-    // Before an exchange: stops for a cancel, and has the request body's read
-    // path check for one (and, for an upload, report its progress).
-    void WatchBody(RestRequest& request, bool upload);
-
     std::shared_ptr<INetwork> m_network;
-    std::shared_ptr<TransferOptions> m_options;
+    SessionOptions m_options;
+    std::atomic<bool> m_cancel{false};
+    CallContext* m_call = nullptr; // the running call's, while one runs
     int64_t m_lastStatus = 0;
     std::wstring m_lastReason;
     FailureKind m_lastFailure = FailureKind::None;

@@ -14,6 +14,7 @@ namespace OrvaneInternal {
 class ServerException {
   public:
     enum ErrorCode : int32_t {
+        InvalidArgument = 1,       // a setting out of range (extension API); ORV_RESULT_InvalidArgument
         ResponseParseFailed = 300, // reply not well-formed XML (empty message)
         UnknownReplyType = 301,    // a request asked for reply type Unknown
         InvalidPublishInput = 303, // extract file unusable, or project not on the server

@@ -16,11 +16,13 @@
  * ORV_RESULT_InvalidArgument.
  *
  * Threads: as for OrvaneServer.h, a handle is used by one thread at a time,
- * with one exception: OrvServerConnectionCancel may be called from any thread
- * while another thread is inside a call on the same handle. It must not race
- * with OrvServerConnectionClose on that handle, nor with
- * OrvServerAPICleanup: close the handle only after the cancelled call has
- * returned.
+ * with two exceptions: OrvServerConnectionCancel and OrvServerConnectionClose
+ * may be called from any thread while another thread is inside a call on the
+ * same handle. Close then asks that call to stop (as Cancel does) and returns
+ * at once; the call returns ORV_RESULT_Cancelled, and the handle's memory is
+ * freed when it has returned. Neither may race with OrvServerAPICleanup.
+ * A thread that is cancelled or ends (pthread_exit) inside a call unwinds
+ * through the library.
  */
 #ifndef ORVANE_SERVER_EXT_H
 #define ORVANE_SERVER_EXT_H
@@ -41,7 +43,7 @@ extern "C" {
  * on a handle that never used an extension. */
 enum {
     ORV_RESULT_Cancelled = 500, /* OrvServerConnectionCancel, or a progress callback's non-zero return */
-    ORV_RESULT_TimedOut = 501   /* the connect or stall time-out set on the handle fired */
+    ORV_RESULT_TimedOut = 501   /* a time limit set on the handle fired (OrvServerConnectionGetFailure says which) */
 };
 
 /* The library's version, "MAJOR.MINOR.PATCH"; a static string. Needs no
@@ -50,9 +52,11 @@ ORV_SERVER_API const char* OrvServerAPIGetVersion(void);
 
 /* Upload progress, called on the thread that called
  * OrvServerConnectionPublishExtract as the body is read for sending: once
- * with bytesSent 0, then after about every 64 KiB, and once with bytesSent
- * equal to bytesTotal, the length of the whole request body (the multipart
- * envelope included). Should the server ask for the body again (an
+ * with bytesSent 0, then each time at least 64 KiB more were read, and once
+ * with bytesSent equal to bytesTotal, the length of the whole request body
+ * (the multipart envelope included). The body is read one upload buffer at a
+ * time (OrvServerConnectionSetUploadBufferSize), so with a buffer larger than
+ * 64 KiB the calls come one buffer apart. Should the server ask for the body again (an
  * authentication answer), bytesSent starts from 0 again. A non-zero return
  * stops the publish with ORV_RESULT_Cancelled. The callback must not call
  * into the library with the same handle. */
@@ -66,8 +70,8 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetProgressCallback(void* handle, O
 /* Prepares the handle so that OrvServerConnectionCancel stops a running call
  * within about a second, also while the server sends nothing. Without it (or
  * a progress callback, or a time limit) a cancel takes effect only when the
- * running call next reads its upload body or starts its next exchange with
- * the server. */
+ * running call next reads its upload body, receives reply bytes or starts
+ * its next exchange with the server. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionEnableCancel(void* handle);
 
 /* Asks the call running on `handle` (in another thread) to stop; that call
@@ -77,11 +81,17 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionEnableCancel(void* handle);
 ORV_SERVER_API ORV_RESULT OrvServerConnectionCancel(void* handle);
 
 /* Gives up connecting to the server (or proxy) after `seconds`; 0 restores
- * libcurl's default. Returns ORV_RESULT_TimedOut when it fires. */
+ * libcurl's default. Returns ORV_RESULT_TimedOut (ORV_FAILURE_ConnectTimeout)
+ * when it fires. Every time limit takes 0 to 2147483 seconds; other values
+ * give ORV_RESULT_InvalidArgument and leave the setting as it was. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetConnectTimeout(void* handle, long seconds);
 
 /* Gives up an exchange when no byte has moved in either direction for
- * `seconds`; 0 means never. Returns ORV_RESULT_TimedOut when it fires. */
+ * `seconds`, header bytes included; 0 means never. It runs while a sign-in
+ * or a page is awaited, but rests while the server works on a fully sent
+ * upload (see OrvServerConnectionSetReplyTimeout). A server that keeps
+ * sending, however slowly, moves bytes: OrvServerConnectionSetTotalTimeout
+ * bounds that. Returns ORV_RESULT_TimedOut (ORV_FAILURE_StallTimeout). */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetStallTimeout(void* handle, long seconds);
 
 /* Follows at most `count` redirects per request (0: none); a negative count
@@ -113,8 +123,10 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetUploadBufferSize(void* handle, l
  * in advance ("dry run"). */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionFindProject(void* handle, const unsigned short* projectName);
 
-/* The HTTP status of the last reply the handle received in its last call
- * (0 when that call received none). Works on every handle. */
+/* The HTTP status of the exchange the handle's last call ended on: the
+ * refusal, the reply that was too large, 0 when that exchange received no
+ * answer (a cancelled upload, a lost connection) even if earlier exchanges
+ * of the call did. Works on every handle. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* status);
 
 /* The server's own explanation of the last refused reply (a status outside
@@ -175,10 +187,13 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionGetUploadProgress(void* handle, uin
 
 /* Gives up when the server has not begun its answer `seconds` after the whole
  * upload body was sent (a large extract may take the server a while to
- * commit); 0 means never. The stall limit does not run during that wait. */
+ * commit); 0 means never. The stall limit does not run during that wait.
+ * Returns ORV_RESULT_TimedOut (ORV_FAILURE_ReplyTimeout). */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetReplyTimeout(void* handle, long seconds);
 
-/* Bounds each call as a whole, whatever it is doing; 0 means no limit. */
+/* Bounds each call as a whole, whatever it is doing, to within about a
+ * second; 0 means no limit. Returns ORV_RESULT_TimedOut
+ * (ORV_FAILURE_TotalTimeout). */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetTotalTimeout(void* handle, long seconds);
 
 typedef enum {
@@ -189,7 +204,10 @@ typedef enum {
 
 /* Which redirects the handle follows. A refused one fails the call with
  * ORV_SERVER_NetworkFailure (400) and ORV_FAILURE_RedirectRefused, the text
- * naming the target. */
+ * "Redirect refused: " and the target. A policy other than Follow checks
+ * each redirect before following it (a POST stays a POST with its body); then
+ * a handle without OrvServerConnectionSetMaxRedirects follows at most 50 per
+ * request. Another value gives ORV_RESULT_InvalidArgument. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetRedirectPolicy(void* handle, ORV_REDIRECT_POLICY policy);
 
 /* ---- Fewer round trips ---------------------------------------------------- */

@@ -163,8 +163,9 @@ TEST_F(ExportedApiTest, ForkedChildEndsNormally)
 // cut off, challenged, answered with proxy credentials, refused by a proxy that wants its own.
 TEST_F(ExportedApiTest, PasswordsNeverReachTheLog)
 {
-    const std::u16string password = u"Zq8-h1dden-\u00fc\u20ac\U0001D11E", proxyPassword = u"Kx3-pr0xy-\u00df\u2713",
-                         relay = u"Tp5-r3lay-s3cret";
+    const std::u16string password = u"Zq8-h1dden-\u00fc\u20ac\U0001D11E";
+    const std::u16string proxyPassword = u"Kx3-pr0xy-\u00df\u2713";
+    const std::u16string relay = u"Tp5-r3lay-s3cret";
     TestHttpServer accepting(PublishScript({Response(201).Body(kPublishReply)}));
     TestHttpServer refusing(
         Script().Sequence("/api/2.0/auth/signin",

@@ -10,8 +10,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <curl/curl.h>
+
+#include <pthread.h>
+
+#include <climits>
 #include <cstdio>
 #include <functional>
+#include <set>
 
 namespace CapiTest {
 namespace {
@@ -21,15 +27,17 @@ using OrvaneTest::Script;
 const char kSignInPath[] = "/api/2.0/auth/signin";
 constexpr std::uint64_t kStep = 64 * 1024;
 
-// A loopback port whose connections wait in the backlog, never accepted: a
-// TLS handshake there never gets an answer.
+// A loopback port held by this process. Listening, its connections wait in
+// the backlog, never accepted: a TLS handshake there never gets an answer.
+// Not listening, it refuses every connection.
 class SilentListener {
   public:
-    SilentListener() : m_socket(::socket(AF_INET, SOCK_STREAM, 0))
+    explicit SilentListener(bool listening) : m_socket(::socket(AF_INET, SOCK_STREAM, 0))
     {
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
-        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(m_socket, 8) != 0 ||
+        if (::bind(m_socket, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+            (listening && ::listen(m_socket, 8) != 0) ||
             ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &length) != 0)
             throw std::runtime_error("no loopback listener");
         m_port = ntohs(address.sin_port);
@@ -99,7 +107,8 @@ TEST_F(ExtensionTest, ProgressRisesFromZeroToTheBodyLength)
         EXPECT_EQ(total, progress.back().first);
         std::size_t passes = 0;
         for (std::size_t i = 0; i < progress.size(); ++i) {
-            const std::uint64_t sent = progress[i].first, before = i == 0 ? 0 : progress[i - 1].first;
+            const std::uint64_t sent = progress[i].first;
+            const std::uint64_t before = i == 0 ? 0 : progress[i - 1].first;
             EXPECT_EQ(total, progress[i].second);
             if (sent == 0) { // a pass begins: the first, or one after the whole body went out
                 EXPECT_TRUE(i == 0 || before == total) << "call " << i;
@@ -116,12 +125,14 @@ TEST_F(ExtensionTest, ProgressRisesFromZeroToTheBodyLength)
     }
 }
 
-// Each call is stopped by what the row set: a cancel from another thread, a
-// callback, a time limit, a limit on redirects or on the reply, or trust.
-TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
+// Each call ends as the row's setting or peer makes it end: the result code
+// and text of the eight functions, and the failure kind a program acts on,
+// with libcurl's code and how much of the upload went out.
+TEST_F(ExtensionTest, FailuresCarryTheirKind)
 {
     using Setup = std::function<void(void* handle, const TestHttpServer& server)>;
     const auto with = [](void (*set)(void*)) { return Setup([set](void* h, const TestHttpServer&) { set(h); }); };
+    const Setup none = with([](void*) {});
     const Setup enableCancel = with([](void* h) { OrvServerConnectionEnableCancel(h); });
     const Setup stall = with([](void* h) { OrvServerConnectionSetStallTimeout(h, 1); });
     const auto trust = [this](bool directory) {
@@ -131,50 +142,187 @@ TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
             OrvServerConnectionSetCACertificates(handle, U(path).c_str());
         };
     };
+    const Setup replyLimit = with([](void* h) {
+        OrvServerConnectionSetStallTimeout(h, 1);
+        OrvServerConnectionSetReplyTimeout(h, 1);
+    });
+    const Setup totalLimit = with([](void* h) {
+        OrvServerConnectionSetStallTimeout(h, 1);
+        OrvServerConnectionSetTotalTimeout(h, 2);
+    });
+    const auto policy = [](ORV_REDIRECT_POLICY redirects, bool tls) {
+        return [redirects, tls](void* handle, const TestHttpServer& server) {
+            if (tls)
+                OrvServerConnectionSetCACertificates(handle, U(server.CertificateFile()).c_str());
+            OrvServerConnectionSetRedirectPolicy(handle, redirects);
+        };
+    };
+    const TinyProxy proxy(ProxyOptions{"relay", "secret"});
+    const Setup refusingProxy = [&proxy](void*, const TestHttpServer&) { SetProxyEnvironment(proxy.Url()); };
     const Response heldUpload = Response(201).Body(kPublishReply).HoldBodyAt(256 * 1024, 10);
     const Script heldSignIn = Script().On(kSignInPath, Response(200).Body(kSignInReply).HoldBodyAt(0, 10));
     const Script signIn = Script().On(kSignInPath, Response(200).Body(kSignInReply));
+    const Script published = PublishScript({Response(201).Body(kPublishReply)});
+    const std::set<long> noCode{0};
+    const std::set<long> aborted{CURLE_ABORTED_BY_CALLBACK};
+    enum Peer { Scripted, Tls, Silent, Refusing };
+    enum Call { SignIn, Publish, PublishMissing, PublishToNowhere };
+    enum Upload { NoUpload, PartOfIt, AllOfIt };
     const struct {
         const char* name;
         Script script;
         Setup setup;
-        bool publish;      // else the sign-in is the call under test
+        Call call;
         bool cancelOnHold; // another thread cancels once the server holds the body
         ORV_RESULT expected;
         std::string error; // the start of the last error
-        bool tls = false;
-        bool silent = false; // sign in at a port that never answers
+        ORV_FAILURE kind;
+        std::set<long> codes; // libcurl's
+        long status;          // of the exchange the call ended on
+        Upload upload;
+        Peer peer = Scripted;
     } rows[] = {
-        {"cancel a held upload", PublishScript({heldUpload}), enableCancel, true, true, ORV_RESULT_Cancelled,
-         "Cancelled"},
-        {"cancel a silent sign-in", heldSignIn, enableCancel, false, true, ORV_RESULT_Cancelled, "Cancelled"},
-        {"cancel before the call", signIn, with([](void* h) { OrvServerConnectionCancel(h); }), false, false,
-         ORV_RESULT_Cancelled, "Cancelled"},
-        {"progress callback says stop", PublishScript({Response(201).Body(kPublishReply)}), with([](void* h) {
+        {"cancel a held upload", PublishScript({heldUpload}), enableCancel, Publish, true, ORV_RESULT_Cancelled,
+         "Cancelled", ORV_FAILURE_Cancelled, aborted, 0, PartOfIt},
+        {"cancel a silent sign-in", heldSignIn, enableCancel, SignIn, true, ORV_RESULT_Cancelled, "Cancelled",
+         ORV_FAILURE_Cancelled, aborted, 0, NoUpload},
+        {"cancel before the call", signIn, with([](void* h) { OrvServerConnectionCancel(h); }), SignIn, false,
+         ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, noCode, 0, NoUpload},
+        {"progress callback says stop", published, with([](void* h) {
              OrvServerConnectionSetProgressCallback(
                  h, [](void*, std::uint64_t n, std::uint64_t) { return n > 0 ? 1 : 0; }, nullptr);
          }),
-         true, false, ORV_RESULT_Cancelled, "Cancelled"},
-        {"stall: silent sign-in", heldSignIn, stall, false, false, ORV_RESULT_TimedOut, "Timeout was reached"},
-        {"stall: held upload", PublishScript({heldUpload}), stall, true, false, ORV_RESULT_TimedOut,
-         "Timeout was reached"},
-        {"connect time-out", signIn, with([](void* h) { OrvServerConnectionSetConnectTimeout(h, 1); }), false, false,
-         ORV_RESULT_TimedOut, "Timeout was reached", false, true},
-        {"redirects forever", Script().On(kSignInPath, Response::Redirect(302, kSignInPath)),
-         with([](void* h) { OrvServerConnectionSetMaxRedirects(h, 3); }), false, false, ORV_SERVER_NetworkFailure,
-         "Number of redirects hit maximum amount"},
-        {"oversized reply", Script().On(kSignInPath, Response(200).Body(std::string(200000, 'x'))),
-         with([](void* h) { OrvServerConnectionSetMaxReplySize(h, 1000); }), false, false, ORV_SERVER_NetworkFailure,
-         "Server reply larger than the limit of 1000 bytes"},
-        {"self-signed, no CA", signIn, with([](void*) {}), false, false, ORV_SERVER_NetworkFailure, "SSL", true},
-        {"self-signed, CA file", signIn, trust(false), false, false, ORV_RESULT_Success, "", true},
-        {"self-signed, CA directory", signIn, trust(true), false, false, ORV_RESULT_Success, "", true},
+         Publish, false, ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, aborted, 0, PartOfIt},
+        {"stall: silent sign-in", heldSignIn, stall, SignIn, false, ORV_RESULT_TimedOut, "Timeout was reached",
+         ORV_FAILURE_StallTimeout, aborted, 0, NoUpload},
+        {"stall: held upload", PublishScript({heldUpload}), stall, Publish, false, ORV_RESULT_TimedOut,
+         "Timeout was reached", ORV_FAILURE_StallTimeout, aborted, 0, PartOfIt},
+        {"connect time-out",
+         signIn,
+         with([](void* h) { OrvServerConnectionSetConnectTimeout(h, 1); }),
+         SignIn,
+         false,
+         ORV_RESULT_TimedOut,
+         "Timeout was reached",
+         ORV_FAILURE_ConnectTimeout,
+         {CURLE_OPERATION_TIMEDOUT},
+         0,
+         NoUpload,
+         Silent},
+        {"refused port",
+         signIn,
+         none,
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "Couldn't connect to server",
+         ORV_FAILURE_Connect,
+         {CURLE_COULDNT_CONNECT},
+         0,
+         NoUpload,
+         Refusing},
+        {"redirects forever",
+         Script().On(kSignInPath, Response::Redirect(302, kSignInPath)),
+         with([](void* h) { OrvServerConnectionSetMaxRedirects(h, 3); }),
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "Number of redirects hit maximum amount",
+         ORV_FAILURE_TooManyRedirects,
+         {CURLE_TOO_MANY_REDIRECTS},
+         302,
+         NoUpload},
+        {"oversized reply",
+         Script().On(kSignInPath, Response(200).Body(std::string(200000, 'x'))),
+         with([](void* h) { OrvServerConnectionSetMaxReplySize(h, 1000); }),
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "Server reply larger than the limit of 1000 bytes",
+         ORV_FAILURE_ReplyTooLarge,
+         {CURLE_WRITE_ERROR},
+         200,
+         NoUpload},
+        {"self-signed, no CA",
+         signIn,
+         none,
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "SSL",
+         ORV_FAILURE_Tls,
+         {CURLE_PEER_FAILED_VERIFICATION},
+         0,
+         NoUpload,
+         Tls},
+        {"self-signed, CA file", signIn, trust(false), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode,
+         200, NoUpload, Tls},
+        {"self-signed, CA directory", signIn, trust(true), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None,
+         noCode, 200, NoUpload, Tls},
+        {"proxy wants credentials",
+         signIn,
+         refusingProxy,
+         SignIn,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "",
+         ORV_FAILURE_Proxy,
+         {CURLE_RECV_ERROR, CURLE_PROXY},
+         0,
+         NoUpload,
+         Tls},
+        {"reset mid-upload",
+         PublishScript({Response(201).ReadBodyBytes(64 * 1024).ResetWithoutAnswer()}),
+         none,
+         Publish,
+         false,
+         ORV_SERVER_NetworkFailure,
+         "",
+         ORV_FAILURE_ConnectionLost,
+         {CURLE_SEND_ERROR, CURLE_RECV_ERROR},
+         0,
+         PartOfIt},
+        {"sign-in refused", Script().On(kSignInPath, Response(401)), none, SignIn, false,
+         ORV_SERVER_ServerResponseError, "Server Response Code: 401", ORV_FAILURE_SignInRefused, noCode, 401, NoUpload},
+        {"409 without overwrite", PublishScript({Response(409)}), none, Publish, false, ORV_SERVER_ServerResponseError,
+         "Server Response Code: 409", ORV_FAILURE_AlreadyExists, noCode, 409, AllOfIt},
+        {"other 4xx", PublishScript({Response(413)}), none, Publish, false, ORV_SERVER_ServerResponseError,
+         "Server Response Code: 413", ORV_FAILURE_Refused, noCode, 413, AllOfIt},
+        {"5xx after the whole body", PublishScript({Response(502)}), none, Publish, false,
+         ORV_SERVER_ServerResponseError, "Server Response Code: 502", ORV_FAILURE_ServerError, noCode, 502, AllOfIt},
+        {"reply not XML", PublishScript({Response(201).Body("not xml")}), none, Publish, false,
+         ORV_SERVER_ResponseParseFailed, "", ORV_FAILURE_ReplyUnreadable, noCode, 201, AllOfIt},
+        {"no such project", published, none, PublishToNowhere, false, ORV_SERVER_InvalidPublishInput,
+         "Project \"Nowhere\" doesn't exist on server", ORV_FAILURE_ProjectNotFound, noCode, 200, NoUpload},
+        {"no such extract", published, none, PublishMissing, false, ORV_SERVER_InvalidPublishInput, "File \"",
+         ORV_FAILURE_ExtractUnusable, noCode, 0, NoUpload},
+        {"stall quiet while the server works", PublishScript({Response(201).Body(kPublishReply).AnswerAfter(1.5)}),
+         stall, Publish, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode, 201, AllOfIt},
+        {"reply limit", PublishScript({Response(201).Body(kPublishReply).AnswerAfter(5)}), replyLimit, Publish, false,
+         ORV_RESULT_TimedOut, "Timeout was reached", ORV_FAILURE_ReplyTimeout, aborted, 0, AllOfIt},
+        {"stall: sign-in answered late", Script().On(kSignInPath, Response(200).Body(kSignInReply).AnswerAfter(5)),
+         stall, SignIn, false, ORV_RESULT_TimedOut, "Timeout was reached", ORV_FAILURE_StallTimeout, aborted, 0,
+         NoUpload},
+        {"drip: the total limit", Script().On(kSignInPath, Response(200).Body(kSignInReply).DripBody(0.4)), totalLimit,
+         SignIn, false, ORV_RESULT_TimedOut, "Timeout was reached", ORV_FAILURE_TotalTimeout, aborted, 200, NoUpload},
+        {"same origin: another port", Script().On(kSignInPath, Response::Redirect(302, "http://127.0.0.1:1/elsewhere")),
+         policy(ORV_REDIRECT_SameOrigin, false), SignIn, false, ORV_SERVER_NetworkFailure,
+         "Redirect refused: http://127.0.0.1:1/elsewhere", ORV_FAILURE_RedirectRefused, noCode, 302, NoUpload},
+        {"no downgrade: https to http", Script().On(kSignInPath, Response::Redirect(301, "http://127.0.0.1:1/plain")),
+         policy(ORV_REDIRECT_NoDowngrade, true), SignIn, false, ORV_SERVER_NetworkFailure,
+         "Redirect refused: http://127.0.0.1:1/plain", ORV_FAILURE_RedirectRefused, noCode, 301, NoUpload, Tls},
+        {"same origin: followed, still a POST",
+         PublishScript({Response::Redirect(307, "/moved")}).On("POST", "/moved", Response(201).Body(kPublishReply)),
+         policy(ORV_REDIRECT_SameOrigin, false), Publish, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode, 201,
+         AllOfIt},
     };
     const std::string path = Extract("big.qrx", Bytes(8 * 1024 * 1024, 3));
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        TestHttpServer server(row.script, OrvaneTest::ServerOptions{row.tls});
-        const SilentListener silent;
+        TestHttpServer server(row.script, OrvaneTest::ServerOptions{row.peer == Tls});
+        const SilentListener silent(true);
+        const SilentListener refusing(false);
+        const std::string urls[] = {server.BaseUrl(), server.BaseUrl(), silent.Url(), refusing.Url()};
         Connection connection;
         ASSERT_EQ(ORV_RESULT_Success, connection.Create());
         row.setup(connection.Handle(), server);
@@ -185,16 +333,152 @@ TEST_F(ExtensionTest, SettingsStopTheCallsTheyApplyTo)
                 EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionCancel(connection.Handle()));
             }
         });
-        ORV_RESULT result = connection.Connect(row.silent ? silent.Url() : server.BaseUrl(), "u", "p");
-        if (row.publish && result == ORV_RESULT_Success)
-            result = connection.Publish(path, "Sales", "d", 0);
+        ORV_RESULT result = connection.Connect(urls[row.peer], "u", "p");
+        if (row.call != SignIn && result == ORV_RESULT_Success) {
+            const std::string extract = row.call == PublishMissing ? m_dir.File("absent.qrx") : path;
+            result = connection.Publish(extract, row.call == PublishToNowhere ? "Nowhere" : "Sales", "d", 0);
+        }
         canceller.join();
         server.ReleaseHolds();
+        SetProxyEnvironment("", "127.0.0.1,localhost");
         EXPECT_EQ(row.expected, result) << LastError();
-        if (result != ORV_RESULT_Success) {
-            EXPECT_EQ(row.error, LastError().substr(0, row.error.size()));
-        }
+        EXPECT_EQ(row.error, LastError().substr(0, row.error.size()));
+        ORV_FAILURE kind = ORV_FAILURE_Other;
+        long code = -1;
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetFailure(connection.Handle(), &kind, &code));
+        EXPECT_STREQ(OrvFailureName(row.kind), OrvFailureName(kind));
+        EXPECT_EQ(1u, row.codes.count(code)) << code;
+        long status = -1;
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetHttpStatus(connection.Handle(), &status));
+        EXPECT_EQ(row.status, status);
+        std::uint64_t sent = 1;
+        std::uint64_t total = 1;
+        ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetUploadProgress(connection.Handle(), &sent, &total));
+        EXPECT_EQ(row.upload == NoUpload, total == 0) << total;
+        EXPECT_EQ(row.upload == AllOfIt, total > 0 && sent == total) << sent << " of " << total;
     }
+}
+
+// The kinds a retry may help: the connection, the time limits, the server's
+// own failure; a name for each kind, "Unknown" past the last.
+TEST_F(ExtensionTest, TransientKindsAndNames)
+{
+    const std::set<ORV_FAILURE> transient{
+        ORV_FAILURE_Connect,      ORV_FAILURE_ConnectionLost, ORV_FAILURE_ConnectTimeout, ORV_FAILURE_StallTimeout,
+        ORV_FAILURE_ReplyTimeout, ORV_FAILURE_TotalTimeout,   ORV_FAILURE_ServerError};
+    std::set<std::string> names;
+    for (int value = ORV_FAILURE_None; value <= ORV_FAILURE_Other; ++value) {
+        const auto kind = static_cast<ORV_FAILURE>(value);
+        EXPECT_EQ(transient.count(kind), static_cast<std::size_t>(OrvFailureIsTransient(kind))) << value;
+        names.insert(OrvFailureName(kind));
+    }
+    EXPECT_EQ(static_cast<std::size_t>(ORV_FAILURE_Other) + 1, names.size());
+    EXPECT_EQ(0u, names.count("Unknown"));
+    EXPECT_STREQ("ProjectNotFound", OrvFailureName(ORV_FAILURE_ProjectNotFound));
+    EXPECT_STREQ("Unknown", OrvFailureName(static_cast<ORV_FAILURE>(ORV_FAILURE_Other + 1)));
+}
+
+// A value a setter cannot honour is refused at once, and the setting stays as
+// it was: the next call goes out as if it had not been made.
+TEST_F(ExtensionTest, SettersRefuseValuesOutOfRange)
+{
+    using Setter = std::function<ORV_RESULT(void*)>;
+    const ORV_RESULT invalid = ORV_RESULT_InvalidArgument;
+    const struct {
+        const char* name;
+        Setter set;
+        ORV_RESULT expected;
+        std::string error;
+    } rows[] = {
+        {"connect, longest", [](void* h) { return OrvServerConnectionSetConnectTimeout(h, 2147483); },
+         ORV_RESULT_Success, ""},
+        {"connect, LONG_MAX", [](void* h) { return OrvServerConnectionSetConnectTimeout(h, LONG_MAX); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"connect, negative", [](void* h) { return OrvServerConnectionSetConnectTimeout(h, -1); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"stall, LONG_MAX", [](void* h) { return OrvServerConnectionSetStallTimeout(h, LONG_MAX); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"reply, negative", [](void* h) { return OrvServerConnectionSetReplyTimeout(h, -5); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"total, past the longest", [](void* h) { return OrvServerConnectionSetTotalTimeout(h, 2147484); }, invalid,
+         "Invalid argument 'seconds'"},
+        {"total, none", [](void* h) { return OrvServerConnectionSetTotalTimeout(h, 0); }, ORV_RESULT_Success, ""},
+        {"upload buffer, too small", [](void* h) { return OrvServerConnectionSetUploadBufferSize(h, 16383); }, invalid,
+         "Invalid argument 'bytes'"},
+        {"upload buffer, too large",
+         [](void* h) { return OrvServerConnectionSetUploadBufferSize(h, 2 * 1024 * 1024 + 1); }, invalid,
+         "Invalid argument 'bytes'"},
+        {"redirect policy, unknown",
+         [](void* h) { return OrvServerConnectionSetRedirectPolicy(h, static_cast<ORV_REDIRECT_POLICY>(3)); }, invalid,
+         "Invalid argument 'policy'"},
+    };
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}));
+    Connection connection;
+    ASSERT_EQ(ORV_RESULT_Success, connection.Create());
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        OrvSetLastErrorMessage(L"");
+        EXPECT_EQ(row.expected, row.set(connection.Handle()));
+        EXPECT_EQ(row.error, LastError());
+    }
+    EXPECT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p")) << LastError();
+    EXPECT_EQ(ORV_RESULT_Success, connection.Publish(Extract("s.qrx", "bytes"), "Sales", "d", 0)) << LastError();
+}
+
+// Closing a handle while another thread is inside a call on it stops the
+// call, which returns Cancelled on a session that is freed only then.
+TEST_F(ExtensionTest, CloseDuringACallCancelsIt)
+{
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply).HoldBodyAt(256 * 1024, 10)}));
+    const std::string path = Extract("held.qrx", Bytes(1024 * 1024, 5));
+    Connection connection;
+    ASSERT_EQ(ORV_RESULT_Success, connection.Create());
+    ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionEnableCancel(connection.Handle()));
+    ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p"));
+    void* const handle = connection.Handle();
+    ORV_RESULT published = ORV_RESULT_Success;
+    std::thread publisher([&] { published = connection.Publish(path, "Sales", "d", 0); });
+    EXPECT_TRUE(server.WaitForHold());
+    EXPECT_EQ(ORV_RESULT_Success, connection.Close());
+    publisher.join();
+    server.ReleaseHolds();
+    EXPECT_EQ(ORV_RESULT_Cancelled, published);
+    EXPECT_EQ(ORV_RESULT_BadHandle, OrvServerConnectionCancel(handle));
+}
+
+// A thread that ends inside a call (pthread_exit, as a cancelled thread or
+// an interpreter shutting down does) unwinds through the library and ends,
+// and the handle works on afterwards.
+TEST_F(ExtensionTest, AThreadEndedInsideACallUnwindsThroughTheLibrary)
+{
+    TestHttpServer server(PublishScript({Response(201).Body(kPublishReply)}));
+    const std::string path = Extract("exit.qrx", Bytes(300 * 1024, 9));
+    Connection connection;
+    ASSERT_EQ(ORV_RESULT_Success, connection.Create());
+    ASSERT_EQ(ORV_RESULT_Success, connection.Connect(server.BaseUrl(), "u", "p"));
+    const auto endThread = [](void*, std::uint64_t sent, std::uint64_t) -> int {
+        if (sent > 0)
+            pthread_exit(nullptr);
+        return 0;
+    };
+    ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProgressCallback(connection.Handle(), endThread, nullptr));
+    struct Call {
+        Connection* connection;
+        std::string path;
+        bool returned = false;
+    } call{&connection, path};
+    pthread_t thread;
+    const auto publish = [](void* data) -> void* {
+        auto* call = static_cast<Call*>(data);
+        call->connection->Publish(call->path, "Sales", "d", 0);
+        call->returned = true;
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, publish, &call));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    EXPECT_FALSE(call.returned);
+    ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProgressCallback(connection.Handle(), nullptr, nullptr));
+    EXPECT_EQ(ORV_RESULT_Success, connection.Publish(path, "Sales", "d", 0)) << LastError();
 }
 
 // The last call's status and the server's own words, on every handle: from

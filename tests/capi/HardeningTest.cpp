@@ -83,9 +83,14 @@ TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
         OrvaneTest::Script()
             .Sequence("/api/2.0/auth/signin", {Response(200).Body(kInjecting), Response(200).Body(kSignInReply)})
             .On("GET", "/api/2.0/sites/S1/projects", Response::Redirect(302, pages.m_url)));
-    const std::string extract = m_dir.File("x.qrx"), failedOpen = "): Error: Failed to open file: " + extract + "\n";
-    const std::string ok = "0 'untouched'", pid = "): pid=", unknown = ok + ok + ok + "3 'Unknown error'";
-    const std::string log = "OrvaneSDKServer.log", log1 = "OrvaneSDKServer_1.log", fifo = m_dir.File("fifo");
+    const std::string extract = m_dir.File("x.qrx");
+    const std::string failedOpen = "): Error: Failed to open file: " + extract + "\n";
+    const std::string ok = "0 'untouched'";
+    const std::string pid = "): pid=";
+    const std::string unknown = ok + ok + ok + "3 'Unknown error'";
+    const std::string log = "OrvaneSDKServer.log";
+    const std::string log1 = "OrvaneSDKServer_1.log";
+    const std::string fifo = m_dir.File("fifo");
     // Starts, signs in, publishes `extract` on a thread of its own (as user nobody if asked: the raw
     // system call changes that thread only) while the page is served.
     auto publish = [&](const std::function<void()>& during, bool unprivileged) {

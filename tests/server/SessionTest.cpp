@@ -1,6 +1,7 @@
 // The session layer byte for byte through the transport seam (NetworkFactory::s_creator): requests
 // as the wire would carry them, the replies' shapes, the errors and the log lines.
 #include "logging/Logger.h"
+#include "network/CallContext.h"
 #include "network/CurlNetworkException.h"
 #include "network/NetworkFactory.h"
 #include "rest/BufferReply.h"
@@ -39,7 +40,7 @@ struct CapturingLogger : Logger {
 // checks its announced size, and answers from a queue (status 0: fail with that libcurl text).
 struct FakeNetwork : INetwork {
     void SetProxyCredentials(const std::string&, const std::string&) override {}
-    void Send(RestRequest& r, RestReply& reply) override
+    void Send(RestRequest& r, RestReply& reply, CallContext&) override
     {
         const std::string body = r.m_body.m_parts.empty()
                                      ? ""
@@ -55,7 +56,7 @@ struct FakeNetwork : INetwork {
             throw CurlNetworkException(text);
         for (std::size_t at = 0; at < text.size(); at += 5) // in pieces, as libcurl writes
             reply.Write(&text[at], std::min<std::size_t>(5, text.size() - at));
-        dynamic_cast<BufferReply&>(reply).m_status = status;
+        reply.SetStatus(status);
     }
     std::deque<std::pair<int64_t, std::string>> replies;
     Strings sent;
@@ -88,7 +89,8 @@ std::wstring Wide(const std::string& utf8)
 std::string Outcome(const std::function<void()>& call)
 {
     try {
-        return call(), "ok";
+        call();
+        return "ok";
     } catch (const ServerException& e) {
         return std::to_string(e.getErrorCode()) + " " + Unicode::ToUTF8(e.getMessage()).str();
     } catch (const std::invalid_argument& e) {
@@ -220,7 +222,8 @@ TEST_F(SessionTest, DisconnectReconnectAndCloseLogging)
 TEST_F(SessionTest, QueryProjectsChecksEachPage)
 {
     const std::string total = "<qsResponse><pagination pageNumber=\"1\" pageSize=\"100\" totalAvailable=\"";
-    const std::string mismatch = "401 Item number mismatch", wrongPage = "401 PageNumber or pageSize mismatch";
+    const std::string mismatch = "401 Item number mismatch";
+    const std::string wrongPage = "401 PageNumber or pageSize mismatch";
     const std::tuple<unsigned long, std::string, std::string> cases[] = {
         // page, reply, outcome ("last n"/"more n": n projects)
         {1, PageReply(1, 0, {}), "last 0"},
@@ -253,7 +256,8 @@ TEST_F(SessionTest, QueryProjectsChecksEachPage)
         Reply(200, reply);
         ProjectMap projects{{L"old", L"x"}}; // replaced on success, untouched on failure
         bool last = false;
-        std::string outcome = Outcome([&, p = page] { last = session->QueryProjects(p, projects); });
+        const unsigned long pageNumber = page;
+        std::string outcome = Outcome([&] { last = session->QueryProjects(pageNumber, projects); });
         outcome = outcome != "ok" ? outcome + (projects.size() == 1 && projects.count(L"old") ? "" : " changed")
                                   : (last ? "last " : "more ") + std::to_string(projects.size()) +
                                         (projects.count(L"old") ? " merged" : "");
@@ -271,10 +275,11 @@ TEST_F(SessionTest, QueryProjectsChecksEachPage)
 
 TEST_F(SessionTest, PublishPagesToTheProjectAndUploadsTheFile)
 {
-    const std::string file = std::string("\0head\r\n--not-a-boundary\r\n", 26) + Bytes(70000, 3),
-                      path = m_dir.File("extr\xC3\xA4kt.qrx");
+    const std::string file = std::string("\0head\r\n--not-a-boundary\r\n", 26) + Bytes(70000, 3);
+    const std::string path = m_dir.File("extr\xC3\xA4kt.qrx");
     WriteFileBytes(path, file);
-    const std::string name = "Q1 \"final\" & <more> \xC3\xBC", id = "p&quot;&amp;7";
+    const std::string name = "Q1 \"final\" & <more> \xC3\xBC";
+    const std::string id = "p&quot;&amp;7";
     const std::string xml =
         "<qsRequest><datasource name=\"" + name + "\" ><project id=\"p\"&7\" /></datasource></qsRequest>";
     const std::vector<std::string> onePage{

@@ -74,10 +74,16 @@ template <class Read> std::string ReadInOddChunks(Read read)
     static const std::size_t kChunks[] = {1, 7, 3, 1000, 13, 65536};
     std::string out;
     std::vector<char> buffer(65536);
-    for (std::size_t call = 0, want = 1, got = 1; got != 0 && call < 10000000; ++call, out.append(buffer.data(), got)) {
-        got = read(buffer.data(), want = kChunks[call % 6]);
-        if (got > want)
-            return ADD_FAILURE() << "a read gave more than asked for", out;
+    for (std::size_t call = 0; call < 10000000; ++call) {
+        const std::size_t want = kChunks[call % 6];
+        const std::size_t got = read(buffer.data(), want);
+        if (got > want) {
+            ADD_FAILURE() << "a read gave more than asked for";
+            return out;
+        }
+        if (got == 0)
+            return out;
+        out.append(buffer.data(), got);
     }
     return out;
 }
@@ -88,9 +94,14 @@ class TempDirectory {
     explicit TempDirectory(const std::string& prefix)
         : m_path(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/" + prefix + "-XXXXXX")
     {
-        mkdtemp(m_path.data()) ? void() : throw std::runtime_error("mkdtemp " + m_path);
+        if (mkdtemp(m_path.data()) == nullptr)
+            throw std::runtime_error("mkdtemp " + m_path);
     }
-    ~TempDirectory() { std::getenv("ORV_KEEP_TEST_FILES") ? 0 : std::filesystem::remove_all(m_path, m_error); }
+    ~TempDirectory()
+    {
+        if (std::getenv("ORV_KEEP_TEST_FILES") == nullptr)
+            std::filesystem::remove_all(m_path, m_error);
+    }
     TempDirectory(const TempDirectory&) = delete;
     const std::string& Path() const { return m_path; }
     std::string File(const std::string& name) const { return m_path + "/" + name; }
@@ -114,10 +125,16 @@ class ChildProcess {
         if (m_pid == 0) { // async-signal-safe calls only until exec
             if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent)
                 _exit(126);
-            dup2(out, 1), dup2(out, 2), close_range(3, ~0U, 0), signal(SIGTERM, SIG_DFL);
+            dup2(out, 1);
+            dup2(out, 2);
+            close_range(3, ~0U, 0);
+            signal(SIGTERM, SIG_DFL);
             sigset_t none;
             sigemptyset(&none), sigprocmask(SIG_SETMASK, &none, nullptr);
-            argv[0].find('/') != std::string::npos ? execv(args[0], args.data()) : execvp(args[0], args.data());
+            if (argv[0].find('/') != std::string::npos)
+                execv(args[0], args.data());
+            else
+                execvp(args[0], args.data());
             _exit(127);
         }
         close(out);
@@ -129,8 +146,14 @@ class ChildProcess {
     int Status() const { return m_reaped ? m_status : -1; } // a wait status once the process has ended
     void Stop(std::chrono::milliseconds grace = std::chrono::seconds(5)) noexcept
     {
-        if (Running() && (kill(m_pid, SIGTERM), !WaitUntil([this] { return !Running(); }, grace)))
-            kill(m_pid, SIGKILL), waitpid(m_pid, &m_status, 0), m_reaped = true;
+        if (!Running())
+            return;
+        kill(m_pid, SIGTERM);
+        if (WaitUntil([this] { return !Running(); }, grace))
+            return;
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, &m_status, 0);
+        m_reaped = true;
     }
 
   private:
@@ -161,7 +184,8 @@ class Response {
     }
     Response& Header(const std::string& name, const std::string& value)
     {
-        return m_headers += (m_headers.empty() ? "[" : ", [") + Json(name) + ", " + Json(value) + "]", *this;
+        m_headers += (m_headers.empty() ? "[" : ", [") + Json(name) + ", " + Json(value) + "]";
+        return *this;
     }
     Response& Body(const std::string& bytes) { return Set("body", Json(bytes)); }
     // Answers 401 with one challenge until a request brings these Basic credentials.
@@ -179,6 +203,10 @@ class Response {
     {
         return Set("hold_at", std::to_string(bytes)).Set("hold_limit", std::to_string(limitSeconds));
     }
+    // Waits `seconds` after the request before answering.
+    Response& AnswerAfter(double seconds) { return Set("answer_after", std::to_string(seconds)); }
+    // Sends the body one byte every `seconds`.
+    Response& DripBody(double seconds) { return Set("drip", std::to_string(seconds)); }
     Response& CloseWithoutAnswer() { return Set("fault", "\"close\""); }
     Response& ResetWithoutAnswer() { return Set("fault", "\"reset\""); }
     Response& TruncateBody(std::size_t sentBytes)
@@ -191,16 +219,22 @@ class Response {
     {
         std::string out = "\"";
         char escaped[8];
-        for (unsigned char c : bytes)
-            out += c == '"' || c == '\\' || c < 0x20 ? (std::snprintf(escaped, 8, "\\u%04x", c), escaped)
-                                                     : std::string(1, char(c));
+        for (unsigned char c : bytes) {
+            if (c == '"' || c == '\\' || c < 0x20) {
+                std::snprintf(escaped, 8, "\\u%04x", c);
+                out += escaped;
+            } else {
+                out += static_cast<char>(c);
+            }
+        }
         return out + "\"";
     }
 
   private:
     Response& Set(const std::string& key, const std::string& json)
     {
-        return m_fields += ", \"" + key + "\": " + json, *this;
+        m_fields += ", \"" + key + "\": " + json;
+        return *this;
     }
     std::string m_headers, m_fields;
 };
@@ -219,7 +253,8 @@ class Script {
                   ", \"method\": " + Response::Json(method) + ", \"responses\": [";
         for (std::size_t i = 0; i < responses.size(); ++i)
             m_json += (i ? ", " : "") + responses[i].ToJson();
-        return m_json += "]}", *this;
+        m_json += "]}";
+        return *this;
     }
     std::string ToJson() const { return "[" + m_json + "]\n"; }
 
@@ -230,7 +265,8 @@ class Script {
 struct RecordedRequest {                                      // one request as the test server received it
     std::string method, target, head, body;                   // head: request and header lines through the blank line
     std::vector<std::pair<std::string, std::string>> headers; // arrival order
-    bool bodyComplete = false, continueSent = false;
+    bool bodyComplete = false;
+    bool continueSent = false;
     std::uint64_t bodyLength = 0;
     std::string bodySha256;
     int status = 0; // of the answer; 0 when the server closed without one
@@ -248,13 +284,15 @@ struct RecordedRequest {                                      // one request as 
     {
         RecordedRequest r;
         std::istringstream meta(ReadFileBytes(stem + ".meta"));
-        int complete = 0, continued = 0;
+        int complete = 0;
+        int continued = 0;
         meta >> r.status >> r.bodyLength >> complete >> continued >> r.bodySha256;
         r.bodyComplete = complete, r.continueSent = continued;
         const auto lines = SplitLines(r.head = ReadFileBytes(stem + ".head"));
         std::istringstream(lines.at(0)) >> r.method >> r.target;
         for (std::size_t i = 1; i < lines.size() && !lines[i].empty(); ++i) {
-            const std::size_t colon = lines[i].find(':'), start = lines[i].find_first_not_of(" \t", colon + 1);
+            const std::size_t colon = lines[i].find(':');
+            const std::size_t start = lines[i].find_first_not_of(" \t", colon + 1);
             r.headers.emplace_back(lines[i].substr(0, colon), start == std::string::npos ? "" : lines[i].substr(start));
         }
         r.body = loadBody ? ReadFileBytes(stem + ".body") : "";
@@ -304,7 +342,8 @@ class TestHttpServer {
     std::vector<RecordedRequest> WaitForRequests(std::size_t count,
                                                  std::chrono::milliseconds limit = std::chrono::seconds(10)) const
     {
-        return WaitUntil([&] { return RequestCount() >= count; }, limit), Requests();
+        WaitUntil([&] { return RequestCount() >= count; }, limit);
+        return Requests();
     }
 
   private:
@@ -323,7 +362,8 @@ inline void SetProxyEnvironment(const std::string& proxyUrl, const std::string& 
         unsetenv(name);
     for (const auto& [name, value] :
          {std::pair("http_proxy", proxyUrl), {"https_proxy", proxyUrl}, {"no_proxy", noProxy}})
-        value.empty() ? 0 : setenv(name, value.c_str(), 1);
+        if (!value.empty())
+            setenv(name, value.c_str(), 1);
 }
 
 struct ProxyOptions { // non-empty: Basic credentials the proxy demands (no blanks or quotes)
@@ -473,10 +513,11 @@ inline Script PublishScript(const std::vector<Response>& uploads)
 }
 inline std::vector<RecordedRequest> Uploads(std::vector<RecordedRequest> r) // the POSTs but the sign-in
 {
-    return r.erase(std::remove_if(r.begin(), r.end(),
-                                  [](auto& q) { return q.method != "POST" || q.Path() == "/api/2.0/auth/signin"; }),
-                   r.end()),
-           r;
+    const auto notUpload = [](const RecordedRequest& q) {
+        return q.method != "POST" || q.Path() == "/api/2.0/auth/signin";
+    };
+    r.erase(std::remove_if(r.begin(), r.end(), notUpload), r.end());
+    return r;
 }
 // The upload body PublishScript's server expects around the file: data source `name` of project P1.
 inline std::pair<std::string, std::string> Framing(const std::string& boundary, const std::string& name,
@@ -499,11 +540,17 @@ inline std::string BoundaryOf(const RecordedRequest& upload)
 // Each test with its log in a scratch directory and no proxy; Start() starts the library.
 class LibraryTest : public ::testing::Test {
   protected:
+    LibraryTest()
+    {
+        SetProxyEnvironment("", "127.0.0.1,localhost");
+        setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1);
+    }
     void TearDown() override { OrvServerAPICleanup(); }
     void Start() { ASSERT_EQ(ORV_RESULT_Success, OrvServerAPIInitialize()); }
     std::string Extract(const std::string& name, const std::string& bytes)
     {
-        return WriteFileBytes(m_dir.File(name), bytes), m_dir.File(name);
+        WriteFileBytes(m_dir.File(name), bytes);
+        return m_dir.File(name);
     }
     std::string StopAndReadLog() // Cleanup writes every queued line before it returns
     {
@@ -511,8 +558,6 @@ class LibraryTest : public ::testing::Test {
         return ReadFileBytes(m_dir.File("OrvaneSDKServer.log"));
     }
     TempDirectory m_dir{"orv-capi"};
-    int m_environment =
-        (SetProxyEnvironment("", "127.0.0.1,localhost"), setenv("ORV_SDK_LOGDIR", m_dir.Path().c_str(), 1));
 };
 class StartedTest : public LibraryTest {
   protected:

@@ -95,13 +95,17 @@ class Handler(socketserver.BaseRequestHandler):
             self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
         if status == 0:
             return False
+        time.sleep(float(step.get("answer_after", 0)))  # the server at work on the request
         keep = got == length and "close" not in headers.get("connection", "") and fault is None
         body = step.get("body", "").encode("latin-1")
         base = "%s://127.0.0.1:%d" % ("https" if TLS else "http", SERVER.server_address[1])
         lines = [(n, v.replace("{base}", base)) for n, v in step.get("headers", [])] + [("Content-Length", str(len(body)))]
         self.sock.sendall(("HTTP/1.1 %d %s\r\n" % (status, http.HTTPStatus(status).phrase) + "".join(
             "%s: %s\r\n" % line for line in lines + ([] if keep else [("Connection", "close")])) + "\r\n").encode("latin-1") +
-            (body[:step["truncate_at"]] if fault == "truncate" else body))
+            (body[:step["truncate_at"]] if fault == "truncate" else b"" if "drip" in step else body))
+        for i in range(len(body) if "drip" in step else 0):  # one body byte every `drip` seconds
+            time.sleep(float(step["drip"]))
+            self.sock.sendall(body[i:i + 1])
         if got < length:  # drain what the client still sends, so closing does not reset the answer
             self.sock.shutdown(socket.SHUT_WR)
             self.sock.settimeout(2)
