@@ -331,8 +331,7 @@ class Session:
         with self._busy:
             if self._signed_in and self._handle is not None and _native.has("OrvServerConnectionSignOut"):
                 self._signed_in = False
-                if _native.has("OrvServerConnectionSetTotalTimeout"):
-                    self._lib.OrvServerConnectionSetTotalTimeout(self._handle, _SIGN_OUT_LIMIT)
+                self._lib.OrvServerConnectionSetTotalTimeout(self._handle, _SIGN_OUT_LIMIT)
                 self._lib.OrvServerConnectionSignOut(self._handle)
             with self._handle_lock:
                 self._handle = None

@@ -47,12 +47,12 @@ _FUNCTIONS = {
     "OrvServerConnectionGetServerReason": (c_void_p, POINTER(c_wchar_p)),
     "OrvServerConnectionGetFailure": (c_void_p, POINTER(c_int), POINTER(c_long)),
     "OrvFailureIsTransient": (c_int,),
-}
-# Functions of later libraries: used when the loaded library has them.
-_LATER = {
     "OrvServerConnectionSetReplyTimeout": (c_void_p, c_long),
     "OrvServerConnectionSetTotalTimeout": (c_void_p, c_long),
     "OrvServerConnectionSetRedirectPolicy": (c_void_p, c_int),
+}
+# Functions of later libraries: used when the loaded library has them.
+_LATER = {
     "OrvServerConnectionSetConnectionReuse": (c_void_p, c_int),
     "OrvServerConnectionSetProjectCache": (c_void_p, c_long),
     "OrvServerConnectionSetExpectContinue": (c_void_p, c_int),
