@@ -339,9 +339,11 @@ class Session:
                     self._finalizer()
 
     def __enter__(self) -> "Session":
+        """The session itself, closed (and signed out) when the block ends."""
         return self
 
     def __exit__(self, *exc: object) -> None:
+        """Closes the session, whether the block raised or not."""
         self.close()
 
     def _check(self, code: int) -> None:
