@@ -3,7 +3,8 @@
 # script, and no re-export of the static libraries linked in).
 add_library(OrvaneServer SHARED
   ${CMAKE_CURRENT_LIST_DIR}/OrvaneServer.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerExt.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerExt.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/OrvaneServerLog.cpp)
 add_library(Orvane::Server ALIAS OrvaneServer)
 # The version string the library reports, from project(... VERSION).
 configure_file(${CMAKE_CURRENT_LIST_DIR}/LibraryVersion.h.in ${PROJECT_BINARY_DIR}/generated/capi/LibraryVersion.h @ONLY)
@@ -30,7 +31,7 @@ install(TARGETS OrvaneServer OrvaneCommon EXPORT OrvaneServerTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServer.h ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneCommon.h
-  ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServerExt.h
+  ${PROJECT_SOURCE_DIR}/include/orvane/OrvaneServerExt.h ${PROJECT_SOURCE_DIR}/include/orvane/orvane.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orvane)
 install(EXPORT OrvaneServerTargets NAMESPACE Orvane::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OrvaneServer)

@@ -7,14 +7,13 @@
 
 #include <orvane/OrvaneCommon.h>
 
-#include <cxxabi.h>
-
 #include <exception>
 #include <memory>
 #include <string>
 
 #include "common/HandleRepository.h"
 #include "logging/Logger.h"
+#include "network/ForcedUnwind.h"
 #include "rest/RestIO.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
@@ -26,9 +25,8 @@ inline void SetLastError(const wchar_t* message)
 {
     try {
         OrvSetLastErrorMessage(message);
-    } catch (abi::__forced_unwind&) {
-        throw;
     } catch (...) {
+        RethrowForcedUnwind();
         // Out of memory for the message itself: the code still tells the caller.
     }
 }
@@ -50,9 +48,8 @@ inline void LogUnknownError()
             reason = "an exception of unknown type";
         }
         Logger::Get()->QueueMessage("Error: " + reason);
-    } catch (abi::__forced_unwind&) {
-        throw;
     } catch (...) {
+        RethrowForcedUnwind();
         // Out of memory for the line: the caller still gets its code.
     }
 }
@@ -61,12 +58,11 @@ template <class Operation> ORV_RESULT Guarded(Operation&& operation)
 {
     try {
         return operation();
-    } catch (abi::__forced_unwind&) {
-        throw; // the caller's thread is being cancelled: let it unwind
     } catch (const ServerException& e) {
         SetLastError(e.getMessage().c_str());
         return e.getErrorCode();
     } catch (...) {
+        RethrowForcedUnwind(); // the caller's thread is ending: let it
         LogUnknownError();
         SetLastError(L"Unknown error");
         return ORV_RESULT_UnknownError;

@@ -3,13 +3,16 @@
 // then the session's operation inside one handler that maps ServerException
 // to its code and message and anything else to "Unknown error".
 #include <orvane/OrvaneServer.h>
+#include <orvane/OrvaneServerExt.h>
 
 #include "capi/ExportedCall.h"
 #include "capi/ServerAPI.h"
 #include "common/HandleRepository.h"
+#include "logging/InitializeLogger.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
 #include "sys/StringUtils.h"
+#include "sys/Unicode.h"
 
 using OrvaneInternal::ServerConnection;
 using OrvaneInternal::ServerException;
@@ -33,7 +36,13 @@ extern "C" {
 ORV_RESULT OrvServerAPIInitialize(void)
 {
     return Guarded([] {
-        OrvaneInternal::ServerAPI::Initialize();
+        try {
+            OrvaneInternal::ServerAPI::Initialize();
+        } catch (const OrvaneInternal::LogDirectoryUnusable& e) {
+            // Only with a directory the host chose (an extension).
+            SetLastError(Unicode::ToWideCharLossy(e.what()).c_str());
+            return static_cast<ORV_RESULT>(ORV_RESULT_LogUnavailable);
+        }
         return ORV_RESULT_Success;
     });
 }

@@ -1,6 +1,7 @@
 #include "capi/ServerAPI.h"
 
 #include "logging/InitializeLogger.h"
+#include "logging/LogListener.h"
 #include "logging/Logger.h"
 #include "server/ServerConnection.h"
 #include "sys/RefCntPtr.h"
@@ -20,6 +21,8 @@ bool initialized = false;
 // thread; the next start-up replaces it.
 RefCntPtr<Thread> loggerThread;
 bool hooksRegistered = false;
+std::wstring logDirectory; // empty: the default rule
+std::string logPath;
 // The logger that BeforeFork quiesced, for the handler that follows it.
 RefCntPtr<Logger> forkingLogger;
 
@@ -57,6 +60,7 @@ void AfterForkInChild()
 {
     forkingLogger->AfterForkInChild();
     forkingLogger.reset();
+    LogListener::AfterForkInChild();
     if (!loggerThread || !loggerThread->Joinable())
         return; // no writer was running: Initialize or Cleanup will do as usual
     // The copied Thread names the parent's writer, which does not exist here:
@@ -65,7 +69,7 @@ void AfterForkInChild()
         static std::vector<RefCntPtr<Thread>>* const abandoned = new std::vector<RefCntPtr<Thread>>();
         abandoned->push_back(loggerThread);
     } catch (...) {
-        loggerThread->AddReference(); // never released then, which is all that matters
+        intrusive_ptr_add_ref(loggerThread.get()); // never released then, which is all that matters
     }
     loggerThread.reset();
     try {
@@ -82,7 +86,7 @@ void ServerAPI::Initialize()
 {
     if (initialized)
         return;
-    InitializeLogger(loggerThread);
+    std::string path = InitializeLogger(loggerThread, logDirectory);
     if (!hooksRegistered) {
         hooksRegistered = true;
         // Either fails only without memory, and then the library runs on
@@ -91,6 +95,7 @@ void ServerAPI::Initialize()
         ::pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
     }
     ServerConnection::Init();
+    logPath.swap(path);
     initialized = true;
 }
 
@@ -106,6 +111,17 @@ void ServerAPI::Cleanup()
     else
         logger->Run(); // no writer of its own: drain on this thread, so Cleanup still leaves nothing unwritten
     initialized = false;
+    logPath.clear();
+}
+
+void ServerAPI::SetLogDirectory(const std::wstring& directory)
+{
+    logDirectory = directory;
+}
+
+const std::string& ServerAPI::LogPath()
+{
+    return logPath;
 }
 
 } // namespace OrvaneInternal

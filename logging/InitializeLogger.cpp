@@ -8,6 +8,7 @@
 #include "sys/Unicode.h"
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 namespace OrvaneInternal {
@@ -26,14 +27,42 @@ std::wstring LogDirectory()
     }
 }
 
+// The native form made absolute, so that the path still names the file after
+// the host changes its directory.
+std::string AbsoluteNative(const std::wstring& path)
+{
+    const std::string native = Path::native(path);
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(native, error);
+    return error ? native : absolute.lexically_normal().string();
+}
+
+RefCntPtr<SimpleLogger> OpenInChosenDirectory(const std::wstring& directory, const std::wstring& name)
+{
+    const std::string shown = Unicode::ToUTF8Lossy(directory);
+    if (!Path::isdir(directory))
+        throw LogDirectoryUnusable("The log directory '" + shown + "' is not a directory");
+    try {
+        return RefCntPtr<SimpleLogger>(new SimpleLogger(Path::join(directory, name), 0));
+    } catch (const QRX_InvalidArgument&) {
+        throw LogDirectoryUnusable("No log file can be opened in '" + shown + "'");
+    }
+}
+
 } // namespace
 
-void InitializeLogger(RefCntPtr<Thread>& loggerThread)
+std::string InitializeLogger(RefCntPtr<Thread>& loggerThread, const std::wstring& directory)
 {
-    const std::wstring directory = LogDirectory();
     const std::wstring name = L"OrvaneSDKServer.log";
-    const std::wstring path = Path::isdir(directory) ? Path::join(directory, name) : name;
-    RefCntPtr<Logger> logger(new SimpleLogger(path, 0));
+    RefCntPtr<SimpleLogger> logger;
+    if (directory.empty()) {
+        const std::wstring fromEnvironment = LogDirectory();
+        const std::wstring path = Path::isdir(fromEnvironment) ? Path::join(fromEnvironment, name) : name;
+        logger = RefCntPtr<SimpleLogger>(new SimpleLogger(path, 0));
+    } else {
+        logger = OpenInChosenDirectory(directory, name);
+    }
+    const std::string logPath = AbsoluteNative(logger->GetFilePath());
 
     // Dropping a running Thread would join a writer that waits for lines
     // forever.
@@ -42,12 +71,13 @@ void InitializeLogger(RefCntPtr<Thread>& loggerThread)
         loggerThread->Join();
     }
 
-    Logger::Init(logger);
+    Logger::Init(RefCntPtr<Logger>(logger));
     RefCntPtr<Thread> thread(new Thread(RefCntPtr<Runnable>(logger)));
     thread->Start();
     loggerThread = thread; // releases the previous writer, and with it the previous logger and its lock
 
     Logger::Get()->QueueMessage("pid=" + std::to_string(OS::getpid()) + "----------------------------------");
+    return logPath;
 }
 
 } // namespace OrvaneInternal

@@ -5,6 +5,7 @@
 
 #include "logging/LineHeader.h"
 #include "logging/LogLines.h"
+#include "logging/LogListener.h"
 #include "logging/ThreadId.h"
 #include "sys/Errors.h"
 #include "sys/Unicode.h"
@@ -65,11 +66,13 @@ datetime SimpleLogger::GetTimestamp()
     return s_utc ? datetime::utc() : datetime::now();
 }
 
-template <class Text> void SimpleLogger::Queue(const Text& message) noexcept
+template <class Text> void SimpleLogger::Queue(const Text& message)
 {
     try {
         Push(LinesOf(LineHeader(GetTimestamp(), CurrentThreadId()).View(), message));
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // Only allocation can fail here; the message is dropped, the caller goes on.
     }
 }
@@ -88,6 +91,8 @@ void SimpleLogger::QueueMessage(std::wistream& in)
     try {
         QueueMessage(ReadRest(in));
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // A failing stream or allocation drops the message, never the caller.
     }
 }
@@ -97,6 +102,8 @@ void SimpleLogger::QueueMessage(std::istream& in)
     try {
         QueueMessage(ReadRest(in));
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // A failing stream or allocation drops the message, never the caller.
     }
 }
@@ -113,6 +120,8 @@ void SimpleLogger::QueueStop()
     try {
         m_queue->push(nullptr);
     } catch (...) {
+        if (IsThreadUnwinding())
+            throw; // a cancelled thread must end
         // Cannot happen with an unbounded queue of pointers short of memory
         // exhaustion; then the writer runs on, which is the lesser harm.
     }
@@ -159,6 +168,8 @@ void SimpleLogger::Run()
             if (!text->empty())
                 Write(BytesOf(*text));
         } catch (...) {
+            if (IsThreadUnwinding())
+                throw; // a cancelled thread must end
             // Losing one message is better than losing the writer, or the host.
         }
     }
@@ -166,12 +177,15 @@ void SimpleLogger::Run()
 
 void SimpleLogger::Write(const std::string& bytes)
 {
-    std::lock_guard<std::mutex> lock(m_streamMutex);
-    // Write errors are not reported anywhere; clearing them lets the log
-    // resume once, say, the disk has room again.
-    m_stream->clear();
-    m_stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    m_stream->flush();
+    {
+        std::lock_guard<std::mutex> lock(m_streamMutex);
+        // Write errors are not reported anywhere; clearing them lets the log
+        // resume once, say, the disk has room again.
+        m_stream->clear();
+        m_stream->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        m_stream->flush();
+    }
+    LogListener::Deliver(bytes); // without the lock: a slow host never holds up Flush
 }
 
 void SimpleLogger::RotateCheck()

@@ -9,9 +9,12 @@
 // non-zero interval the logger moves on to a new, time-stamped file once the
 // interval has passed.
 //
+// Every line written is also handed to the host's listener (see LogListener).
+//
 // Nothing the log does may stop the host: the writer swallows its own failures,
 // a queueing call that cannot allocate drops its message, and text that is not
-// valid Unicode is written as closely as it can be rather than dropped.
+// valid Unicode is written as closely as it can be rather than dropped. Only
+// the unwinding of a cancelled thread passes through, so that it can end.
 #pragma once
 
 #include "logging/Logger.h"
@@ -49,6 +52,9 @@ class SimpleLogger : public Logger {
     void Flush() override;
     void QueueStop() override;
     const std::wstring& GetBaseFilePath() const override { return m_baseFilePath; }
+    // The file in use: the base path or the numbered or time-stamped name
+    // taken instead. For the writer's thread, or before the writer starts.
+    const std::wstring& GetFilePath() const { return m_filePath; }
     void BeforeFork() override;
     void AfterForkInParent() override;
     void AfterForkInChild() override;
@@ -69,7 +75,7 @@ class SimpleLogger : public Logger {
     bool OpenUniqueName(const std::wstring& name);
     bool OpenMaybeTruncate(const std::wstring& name);
 
-    template <class Text> void Queue(const Text& message) noexcept;
+    template <class Text> void Queue(const Text& message);
     void Push(std::wstring text);
     void RotateCheck();
     void Write(const std::string& bytes);
@@ -84,6 +90,7 @@ class SimpleLogger : public Logger {
     uint32_t m_rotateSeconds;
     FILE* m_lockFile = nullptr; // read handle that holds the flock on the current file
     std::wstring m_baseFilePath;
+    std::wstring m_filePath;
     // Flush may come from another thread while the writer writes or replaces
     // the stream; BeforeFork holds it until the fork is done.
     std::mutex m_streamMutex;

@@ -108,6 +108,8 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
         stream.reset(new (std::nothrow) LogFileStream(fd));
     } catch (...) {
         std::fclose(lockFile);
+        if (IsThreadUnwinding())
+            throw;    // a cancelled thread must end
         return false; // the half-built stream closed the descriptor it had taken
     }
     if (!stream)
@@ -124,6 +126,7 @@ bool SimpleLogger::OpenMaybeTruncate(const std::wstring& name)
     if (m_lockFile)
         std::fclose(m_lockFile);
     m_lockFile = lockFile;
+    m_filePath = name;
     return true;
 }
 

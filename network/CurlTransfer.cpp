@@ -3,13 +3,13 @@
 #include "logging/Logger.h"
 #include "network/CurlNetwork.h"
 #include "network/CurlNetworkException.h"
+#include "network/ForcedUnwind.h"
 #include "rest/RestReply.h"
 #include "rest/RestRequest.h"
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
-#include <cxxabi.h>
 #include <sys/stat.h>
 
 #include <string_view>
@@ -41,9 +41,8 @@ template <class R, class F> R CurlTransfer::Guarded(R onError, F&& body)
 {
     try {
         return body();
-    } catch (abi::__forced_unwind&) {
-        throw; // a cancelled thread unwinds through libcurl, which was built for it
     } catch (...) {
+        RethrowForcedUnwind(); // through libcurl, which was built for it
         if (!m_error)
             m_error = std::current_exception();
         return onError;

@@ -3,6 +3,7 @@
 #include "logging/Logger.h"
 #include "network/CallContext.h"
 #include "network/CurlNetworkException.h"
+#include "network/ForcedUnwind.h"
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
 #include "rest/BufferReply.h"
@@ -21,8 +22,6 @@
 #include "sys/Path.h"
 #include "sys/Unicode.h"
 
-#include <cxxabi.h>
-
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -38,11 +37,6 @@ void Log(const std::wstring& line)
 
 const wchar_t kNotConnected[] = L"Connect must be called first";
 const wchar_t kCancelled[] = L"Cancelled";
-// Longest time limit: libcurl counts milliseconds in an int.
-constexpr long kLongestSeconds = 2147483;
-constexpr long kSmallestUploadBuffer = 16 * 1024; // libcurl's limits
-constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
-
 // What a refused reply means, by status and by what was asked:
 //   401, 403, 404 at sign-in     -> SignInRefused (wrong credentials or site)
 //   409 on an upload, no overwrite -> AlreadyExists
@@ -87,21 +81,6 @@ FailureKind FailureOfStatus(int64_t status, ServerConnection::Exchange exchange)
     }
 }
 
-// Refuses a setting out of range, naming the argument as the caller knows it.
-void CheckRange(bool valid, const wchar_t* argument)
-{
-    if (!valid)
-        throw ServerException(ServerException::InvalidArgument, std::wstring(L"Invalid argument '") + argument + L"'");
-}
-
-std::optional<long> Seconds(long seconds)
-{
-    CheckRange(seconds >= 0 && seconds <= kLongestSeconds, L"seconds");
-    if (seconds == 0)
-        return std::nullopt;
-    return seconds;
-}
-
 } // namespace
 
 template <class Body> void ServerConnection::RunCall(Body&& body)
@@ -123,11 +102,9 @@ template <class Body> void ServerConnection::RunCall(Body&& body)
         if (m_cancel.exchange(false))
             throw ServerException(ServerException::Cancelled, kCancelled);
         body();
-    } catch (abi::__forced_unwind&) {
-        end();
-        throw; // a thread being cancelled unwinds through here untouched
     } catch (...) {
         end();
+        RethrowForcedUnwind();
         RecordFailure();
         throw;
     }
@@ -327,60 +304,6 @@ void ServerConnection::PublishExtractInternal(const std::wstring& path, const st
 void ServerConnection::CheckProject(const std::wstring& projectName)
 {
     RunCall([&] { (void)FindProject(projectName); });
-}
-
-void ServerConnection::SetConnectTimeout(long seconds)
-{
-    m_options.m_connectTimeout = Seconds(seconds);
-}
-
-void ServerConnection::SetStallTimeout(long seconds)
-{
-    m_options.m_stallTimeout = Seconds(seconds);
-}
-
-void ServerConnection::SetReplyTimeout(long seconds)
-{
-    m_options.m_replyTimeout = Seconds(seconds);
-}
-
-void ServerConnection::SetTotalTimeout(long seconds)
-{
-    m_options.m_totalTimeout = Seconds(seconds);
-}
-
-void ServerConnection::SetMaxRedirects(long count)
-{
-    m_options.m_maxRedirects = count < 0 ? std::nullopt : std::optional<long>(count);
-}
-
-void ServerConnection::SetMaxReplySize(uint64_t bytes)
-{
-    m_options.m_maxReplySize = bytes == 0 ? std::nullopt : std::optional<uint64_t>(bytes);
-}
-
-void ServerConnection::SetCACertificates(const std::string& utf8Path)
-{
-    m_options.m_caPath = utf8Path.empty() ? std::nullopt : std::optional<std::string>(utf8Path);
-}
-
-void ServerConnection::SetUploadBufferSize(long bytes)
-{
-    CheckRange(bytes == 0 || (bytes >= kSmallestUploadBuffer && bytes <= kLargestUploadBuffer), L"bytes");
-    m_options.m_uploadBufferSize = bytes == 0 ? std::nullopt : std::optional<long>(bytes);
-}
-
-void ServerConnection::SetRedirectPolicy(int policy)
-{
-    using Policy = SessionOptions::RedirectPolicy;
-    CheckRange(policy >= static_cast<int>(Policy::Follow) && policy <= static_cast<int>(Policy::SameOrigin), L"policy");
-    m_options.m_redirectPolicy = static_cast<Policy>(policy);
-}
-
-void ServerConnection::SetProgressCallback(SessionOptions::ProgressCallback callback, void* userData)
-{
-    m_options.m_progress = callback;
-    m_options.m_progressData = callback != nullptr ? userData : nullptr;
 }
 
 } // namespace OrvaneInternal

@@ -1,5 +1,6 @@
 #include "server/XmlReplyParser.h"
 
+#include "network/ForcedUnwind.h"
 #include "server/ServerException.h"
 #include "sys/Unicode.h"
 
@@ -28,6 +29,7 @@ template <class F> void Guard(ParseContext& context, F&& handler)
     try {
         handler();
     } catch (...) {
+        RethrowForcedUnwind();
         context.error = std::current_exception();
         XML_StopParser(context.parser, XML_FALSE);
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -33,6 +34,17 @@ class QRX_InvalidArgument : public QRX_LogicError {
   public:
     using QRX_LogicError::QRX_LogicError;
 };
+
+// For a catch (...) that would otherwise swallow what it caught: true when
+// that is the unwinding of a thread being cancelled (abi::__forced_unwind) or
+// any other exception that is not C++'s own, which must be rethrown so that
+// the thread can end. std::current_exception() holds no such exception.
+// (Catching abi::__forced_unwind by reference binds a reference to no object,
+// which the undefined-behaviour sanitizer reports.)
+inline bool IsThreadUnwinding()
+{
+    return !std::current_exception();
+}
 
 // Status numbers raised outside the text converters.
 namespace QRX_Status {

@@ -1,64 +1,60 @@
 #include "sys/Path.h"
 
+#include "sys/Errors.h"
 #include "sys/Unicode.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
+#include <filesystem>
+
+namespace {
+
+// Through our own converters: std::filesystem would convert wide text with
+// the global locale, which is "C" in most hosts.
+std::filesystem::path Native(const std::wstring& path)
+{
+    return std::filesystem::path(Path::native(path));
+}
+
+std::wstring Wide(const std::filesystem::path& path)
+{
+    return Unicode::ToWideChar(path.native()).str();
+}
+
+template <class Test> bool Is(const std::wstring& path, Test test)
+{
+    std::filesystem::path native;
+    try {
+        native = Native(path);
+    } catch (const QRX_RuntimeError&) {
+        return false;
+    }
+    std::error_code error;
+    return test(native, error);
+}
+
+} // namespace
 
 std::pair<std::wstring, std::wstring> Path::splitext(const std::wstring& path)
 {
-    const std::size_t slash = path.find_last_of(L'/');
-    const std::size_t nameStart = slash == std::wstring::npos ? 0 : slash + 1;
-    const std::size_t dot = path.find_last_of(L'.');
-    if (dot == std::wstring::npos || dot < nameStart)
-        return {path, std::wstring()};
-    // Leading dots of the name do not start an extension.
-    std::size_t firstNonDot = nameStart;
-    while (firstNonDot < path.size() && path[firstNonDot] == L'.')
-        ++firstNonDot;
-    if (dot < firstNonDot)
-        return {path, std::wstring()};
-    return {path.substr(0, dot), path.substr(dot)};
+    const std::wstring extension = Wide(Native(path).extension());
+    return {path.substr(0, path.size() - extension.size()), extension};
 }
 
 std::wstring Path::join(const std::wstring& directory, const std::wstring& name)
 {
-    if (directory.empty())
-        return name;
-    if (!name.empty() && name[0] == L'/')
-        return name;
-    if (directory.back() == L'/')
-        return directory + name;
-    return directory + L"/" + name;
+    return Wide(Native(directory) / Native(name));
 }
-
-namespace {
-bool Stat(const std::wstring& path, struct stat& st)
-{
-    try {
-        return ::stat(Path::native(path).c_str(), &st) == 0;
-    } catch (const std::exception&) {
-        return false; // a path that is not valid text names nothing
-    }
-}
-} // namespace
 
 bool Path::isdir(const std::wstring& path)
 {
-    struct stat st {};
-    return Stat(path, st) && S_ISDIR(st.st_mode);
+    return Is(path,
+              [](const std::filesystem::path& p, std::error_code& e) { return std::filesystem::is_directory(p, e); });
 }
 
 bool Path::isfile(const std::wstring& path)
 {
-    struct stat st {};
-    return Stat(path, st) && S_ISREG(st.st_mode);
-}
-
-bool Path::exists(const std::wstring& path)
-{
-    struct stat st {};
-    return Stat(path, st);
+    return Is(path, [](const std::filesystem::path& p, std::error_code& e) {
+        return std::filesystem::is_regular_file(p, e);
+    });
 }
 
 std::string Path::native(const std::wstring& path)

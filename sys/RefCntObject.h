@@ -2,30 +2,13 @@
 // deletes itself when the last reference goes; never delete one directly.
 #pragma once
 
-#include <atomic>
-#include <cstddef>
-#include <new>
+#include <boost/smart_ptr/intrusive_ref_counter.hpp>
 
-class RefCntObject {
+class RefCntObject : public boost::intrusive_ref_counter<RefCntObject, boost::thread_safe_counter> {
   public:
     RefCntObject() = default;
     RefCntObject(const RefCntObject&) = delete;
     RefCntObject& operator=(const RefCntObject&) = delete;
-
-    void AddReference() const { m_references.fetch_add(1, std::memory_order_relaxed); }
-    void RemoveReference() const
-    {
-        if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            delete this;
-    }
-    long ReferenceCount() const { return m_references.load(std::memory_order_acquire); }
-
-    static void* operator new(std::size_t size) { return ::operator new(size); }
-    static void operator delete(void* p) noexcept { ::operator delete(p); }
-
-  protected:
+    // Public only because the counter's release deletes through this base.
     virtual ~RefCntObject() = default;
-
-  private:
-    mutable std::atomic<long> m_references{0};
 };

@@ -22,7 +22,6 @@ datetime Make(bool local)
     d.minute = tm.tm_min;
     d.second = tm.tm_sec;
     d.millisecond = static_cast<int>(ts.tv_nsec / 1000000);
-    d.epochMilliseconds = static_cast<int64_t>(ts.tv_sec) * 1000 + d.millisecond;
     return d;
 }
 

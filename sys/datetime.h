@@ -1,8 +1,6 @@
 // A calendar time with millisecond resolution, local or UTC.
 #pragma once
 
-#include <cstdint>
-
 class datetime {
   public:
     static datetime now(); // local time
@@ -15,5 +13,4 @@ class datetime {
     int minute = 0;
     int second = 0;
     int millisecond = 0;
-    int64_t epochMilliseconds = 0;
 };

@@ -43,7 +43,9 @@ extern "C" {
  * on a handle that never used an extension. */
 enum {
     ORV_RESULT_Cancelled = 500, /* OrvServerConnectionCancel, or a progress callback's non-zero return */
-    ORV_RESULT_TimedOut = 501   /* a time limit set on the handle fired (OrvServerConnectionGetFailure says which) */
+    ORV_RESULT_TimedOut = 501,  /* a time limit set on the handle fired (OrvServerConnectionGetFailure says which) */
+    ORV_RESULT_LogUnavailable = 502 /* OrvServerAPIInitialize: no log can be opened in the directory set by
+                                       OrvServerAPISetLogDirectory */
 };
 
 /* The library's version, "MAJOR.MINOR.PATCH"; a static string. Needs no
@@ -137,9 +139,10 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionGetHttpStatus(void* handle, long* s
 ORV_SERVER_API ORV_RESULT OrvServerConnectionGetServerReason(void* handle, const wchar_t** reason);
 
 /* ---- Failures a program can act on ----------------------------------------
- * Every call on a handle records what kind of failure ended it (None after a
- * success), beside its result code and text; tools decide what to retry or
- * how to report from the kind, never from the text. */
+ * Every call on a handle that talks to the server (Connect, PublishExtract,
+ * FindProject) records what kind of failure ended it (None after a success),
+ * beside its result code and text; tools decide what to retry or how to
+ * report from the kind, never from the text. */
 typedef enum {
     ORV_FAILURE_None = 0,
     ORV_FAILURE_SignInRefused = 1,   /* credentials or site refused at sign-in */
@@ -234,20 +237,37 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSignOut(void* handle);
 
 /* ---- The log ------------------------------------------------------------------ */
 
-/* Where OrvServerAPIInitialize puts the log: this directory (UTF-16) instead
- * of ORV_SDK_LOGDIR or the working directory; null restores that rule. Call
- * before OrvServerAPIInitialize. */
+/* Where OrvServerAPIInitialize puts the log: this directory (UTF-16, not
+ * empty) instead of ORV_SDK_LOGDIR or the working directory; null restores
+ * that rule. Takes effect at the next OrvServerAPIInitialize that starts the
+ * library; a running library keeps its log. The directory must exist. When
+ * no log can be opened there (not a directory, not writable, every name taken
+ * or not a regular file), OrvServerAPIInitialize returns
+ * ORV_RESULT_LogUnavailable with a text naming the directory, and the library
+ * stays stopped: a host can choose another directory and start again. Under
+ * the default rule a log that cannot be opened fails start-up with
+ * ORV_RESULT_UnknownError, as OrvaneServer.h describes.
+ * ORV_RESULT_InvalidArgument for an empty or ill-formed path. */
 ORV_SERVER_API ORV_RESULT OrvServerAPISetLogDirectory(const unsigned short* path);
 
-/* The log file in use (UTF-8), valid until OrvServerAPICleanup; null when the
- * library is not started or no log could be opened. */
+/* The absolute path of the log file in use (UTF-8), valid until
+ * OrvServerAPICleanup; null when the library is not started (no log could be
+ * opened, or start-up has not run or failed). Needs no lock, but must not
+ * overlap OrvServerAPIInitialize or OrvServerAPICleanup. */
 ORV_SERVER_API const char* OrvServerAPIGetLogPath(void);
 
-/* Called with every line the log writes (UTF-8, without the line end), from
- * the log's writer thread, never from the caller's. */
+/* Called with every line the log writes, header included, without the line
+ * end, as the file gets it (UTF-8, save for bytes a caller logged that were
+ * not), from the log's writer thread, never from the caller's. The line is
+ * valid during the call only. A listener may log, but must not call
+ * OrvServerAPISetLogListener (such a call does nothing), nor wait for a
+ * thread that is inside OrvServerAPISetLogListener. */
 typedef void (*ORV_LOG_LISTENER)(void* userData, const char* line);
 
-/* Sets (or, with a null listener, removes) the log listener. */
+/* Sets (or, with a null listener, removes) the log listener, for the process
+ * and for every later start-up; allowed at any time. Once it returns, the
+ * previous listener is not running and is never called again, so its
+ * userData may be freed. */
 ORV_SERVER_API ORV_RESULT OrvServerAPISetLogListener(ORV_LOG_LISTENER listener, void* userData);
 
 #ifdef __cplusplus

@@ -13,6 +13,9 @@
 #include <curl/curl.h>
 
 #include <pthread.h>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 #include <climits>
 #include <cstdio>
@@ -469,6 +472,11 @@ TEST_F(ExtensionTest, AThreadEndedInsideACallUnwindsThroughTheLibrary)
     } call{&connection, path};
     pthread_t thread;
     const auto publish = [](void* data) -> void* {
+#if defined(__SANITIZE_ADDRESS__)
+        // libcurl's state of the transfer the thread leaves stays behind: an
+        // end that abandons it, not a leak of the library's.
+        __lsan_disable();
+#endif
         auto* call = static_cast<Call*>(data);
         call->connection->Publish(call->path, "Sales", "d", 0);
         call->returned = true;

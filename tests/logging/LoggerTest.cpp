@@ -5,10 +5,11 @@
 #include "logging/SimpleLogger.h"
 #include "tests/support/TestSupport.h"
 
+#include <ext/stdio_filebuf.h>
+#include <pthread.h>
 #include <sys/file.h>
 
 #include <algorithm>
-#include <map>
 #include <regex>
 
 using namespace OrvaneInternal;
@@ -31,31 +32,32 @@ void Drain(SimpleLogger& logger)
     logger.QueueStop(), logger.Run();
 }
 const std::regex kHeader(R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \((\d{4,})\): )");
-// A log line's thread id and payload, its header checked.
-std::pair<long, std::string> Parse(const std::string& line)
-{
-    std::smatch header;
-    const bool found = std::regex_search(line, header, kHeader) && header.position(0) == 0;
-    EXPECT_TRUE(found) << line;
-    if (!found)
-        return {-1, line};
-    return {std::stol(header.str(2)), header.suffix().str()};
-}
+// The payloads of a log's lines, each checked for its header.
 Strings Payloads(const std::string& path)
 {
     Strings payloads;
-    for (const std::string& line : SplitLines(ReadFileBytes(path)))
-        payloads.push_back(Parse(line).second);
+    for (const std::string& line : SplitLines(ReadFileBytes(path))) {
+        std::smatch header;
+        EXPECT_TRUE(std::regex_search(line, header, kHeader) && header.position(0) == 0) << line;
+        payloads.push_back(line.substr(header.length(0)));
+    }
     return payloads;
 }
-std::map<long, Strings> PayloadsByThread(const std::string& path)
+// The lines that start with `prefix` (keep true) or do not (keep false).
+Strings Filter(const Strings& lines, const std::string& prefix, bool keep)
 {
-    std::map<long, Strings> byThread;
-    for (const std::string& line : SplitLines(ReadFileBytes(path))) {
-        const auto [thread, payload] = Parse(line);
-        byThread[thread].push_back(payload);
-    }
-    return byThread;
+    Strings kept;
+    for (const std::string& line : lines)
+        if ((line.rfind(prefix, 0) == 0) == keep)
+            kept.push_back(line);
+    return kept;
+}
+Strings Numbered(const std::string& prefix, int count)
+{
+    Strings lines;
+    for (int i = 0; i < count; ++i)
+        lines.push_back(prefix + std::to_string(i));
+    return lines;
 }
 Strings RunLines(long pid, const Strings& middle, bool cleanup = true)
 {
@@ -239,25 +241,44 @@ TEST_F(LogTest, LastLineWithoutCleanupAndTheCurrentDirectoryAsFallback)
 }
 
 // A host forks while one of its threads logs; the child logs and stops the library, the parent goes
-// on. Each process's lines reach the file once, in their order, from its own threads.
+// on. Each process's lines reach the file once, the lines of each thread in their order.
 TEST_F(LogTest, ForkedChildLogsThroughAWriterOfItsOwnAndTheParentGoesOn)
 {
-    const long parent = RunChild({"fork", "parent before the fork"});
-    std::map<long, Strings> byThread = PayloadsByThread(m_base);
-    const Strings parentLines = {"parent before the fork", "parent saw the child exit with 0", "parent after the fork"};
-    EXPECT_EQ(RunLines(parent, parentLines), byThread[parent]);
-    byThread.erase(parent);
-    Strings childLines;
-    for (int i = 0; i < 100; ++i)
-        childLines.push_back("child line " + std::to_string(i));
-    childLines.push_back("Curl global cleanup");
-    Strings threadLines;
-    for (int i = 0; i < 2000; ++i)
-        threadLines.push_back("parent thread " + std::to_string(i));
-    std::vector<Strings> others;
-    for (const auto& [thread, lines] : byThread)
-        others.push_back(lines);
-    std::sort(others.begin(), others.end());
-    const std::vector<Strings> expected = {childLines, threadLines}; // in sorted order
-    EXPECT_EQ(expected, others);
+    const long parent = RunChild({"fork", "before the fork"});
+    const Strings lines = Payloads(m_base);
+    EXPECT_EQ(Numbered("child line ", 100), Filter(lines, "child line ", true));
+    EXPECT_EQ(Numbered("parent thread ", 2000), Filter(lines, "parent thread ", true));
+    Strings rest = Filter(Filter(lines, "child line ", false), "parent thread ", false);
+    Strings expected = RunLines(parent, {"before the fork", "the child exited with 0", "after the fork"});
+    expected.push_back("Curl global cleanup"); // the child's, written before it ended
+    std::sort(rest.begin(), rest.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, rest);
+}
+
+// A thread cancelled while the logger reads its message (from a pipe: read is a cancellation point)
+// ends as cancelled, and the logger goes on.
+TEST_F(LogTest, ThreadCancelledWhileItsMessageIsReadEnds)
+{
+    RefCntPtr<SimpleLogger> logger = Open(m_base);
+    int pipeEnds[2];
+    ASSERT_EQ(0, pipe2(pipeEnds, O_CLOEXEC));
+    __gnu_cxx::stdio_filebuf<char> buffer(pipeEnds[0], std::ios_base::in);
+    std::istream message(&buffer);
+    std::pair<SimpleLogger*, std::istream*> work(logger.get(), &message);
+    pthread_t thread;
+    const auto body = [](void* argument) -> void* {
+        auto* work = static_cast<std::pair<SimpleLogger*, std::istream*>*>(argument);
+        work->first->QueueMessage(*work->second);
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &work));
+    EXPECT_EQ(0, pthread_cancel(thread));
+    void* result = nullptr;
+    EXPECT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    close(pipeEnds[1]);
+    logger->QueueMessage(std::string("after the cancel"));
+    Drain(*logger);
+    EXPECT_EQ(Strings{"after the cancel"}, Payloads(m_base));
 }
