@@ -69,10 +69,7 @@ def library_version() -> str:
 def log_path() -> Optional[str]:
     """The library's log file, once a Session has started the library (None
     before, or when no log could be opened)."""
-    lib = _native.library()
-    if not _native.has("OrvServerAPIGetLogPath"):
-        return None
-    path: Optional[bytes] = lib.OrvServerAPIGetLogPath()
+    path: Optional[bytes] = _native.library().OrvServerAPIGetLogPath()
     return None if path is None else os.fsdecode(path)
 
 

@@ -50,6 +50,8 @@ _FUNCTIONS = {
     "OrvServerConnectionSetReplyTimeout": (c_void_p, c_long),
     "OrvServerConnectionSetTotalTimeout": (c_void_p, c_long),
     "OrvServerConnectionSetRedirectPolicy": (c_void_p, c_int),
+    "OrvServerAPISetLogDirectory": (c_char_p,),
+    "OrvServerAPISetLogListener": (LOG_LISTENER, c_void_p),
 }
 # Functions of later libraries: used when the loaded library has them.
 _LATER = {
@@ -57,8 +59,6 @@ _LATER = {
     "OrvServerConnectionSetProjectCache": (c_void_p, c_long),
     "OrvServerConnectionSetExpectContinue": (c_void_p, c_int),
     "OrvServerConnectionSignOut": (c_void_p,),
-    "OrvServerAPISetLogDirectory": (c_char_p,),
-    "OrvServerAPISetLogListener": (LOG_LISTENER, c_void_p),
 }
 
 _LOG_UNAVAILABLE = 502  # ORV_RESULT_LogUnavailable
@@ -134,9 +134,8 @@ def _load() -> ctypes.CDLL:
         lib.OrvGetLastErrorMessage.restype = c_wchar_p
         lib.OrvServerAPIGetVersion.argtypes = ()
         lib.OrvServerAPIGetVersion.restype = c_char_p
-        if hasattr(lib, "OrvServerAPIGetLogPath"):
-            lib.OrvServerAPIGetLogPath.argtypes = ()
-            lib.OrvServerAPIGetLogPath.restype = c_char_p
+        lib.OrvServerAPIGetLogPath.argtypes = ()
+        lib.OrvServerAPIGetLogPath.restype = c_char_p
     except AttributeError as e:
         raise LibraryError(0, f"{path} is older than this package needs (1.2 or later): {e}") from None
     return lib
@@ -191,11 +190,9 @@ def start() -> ctypes.CDLL:
     lib = library()
     with _lock:
         if not _started:
-            if has("OrvServerAPISetLogListener"):
-                lib.OrvServerAPISetLogListener(_listener, None)
+            lib.OrvServerAPISetLogListener(_listener, None)
             for directory in _log_directories():
-                if has("OrvServerAPISetLogDirectory"):
-                    lib.OrvServerAPISetLogDirectory(None if directory is None else utf16(str(directory)))
+                lib.OrvServerAPISetLogDirectory(None if directory is None else utf16(str(directory)))
                 code = lib.OrvServerAPIInitialize()
                 if code != _LOG_UNAVAILABLE:  # else the library stays stopped and takes another directory
                     break
