@@ -7,16 +7,22 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import logging
 import os
 import sys
 import sysconfig
+import tempfile
 import threading
 from ctypes import POINTER, c_char_p, c_int, c_long, c_uint64, c_void_p, c_wchar_p
 from pathlib import Path
-from typing import List, Optional, Set
+from typing import Any, Iterator, List, Optional, Set
+
+from ._errors import LibraryError
 
 LIBRARY = "libOrvaneServer.so.1"
+COMMON = "libOrvaneCommon.so.1"
 PROGRESS = ctypes.CFUNCTYPE(c_int, c_void_p, c_uint64, c_uint64)
+LOG_LISTENER = ctypes.CFUNCTYPE(None, c_void_p, c_char_p)
 
 # name: (argument types) -- every function returns an ORV_RESULT (int32).
 _FUNCTIONS = {
@@ -39,12 +45,28 @@ _FUNCTIONS = {
     "OrvServerConnectionSetUploadBufferSize": (c_void_p, c_long),
     "OrvServerConnectionGetHttpStatus": (c_void_p, POINTER(c_long)),
     "OrvServerConnectionGetServerReason": (c_void_p, POINTER(c_wchar_p)),
+    "OrvServerConnectionGetFailure": (c_void_p, POINTER(c_int), POINTER(c_long)),
+    "OrvFailureIsTransient": (c_int,),
+    "OrvServerConnectionSetReplyTimeout": (c_void_p, c_long),
+    "OrvServerConnectionSetTotalTimeout": (c_void_p, c_long),
+    "OrvServerConnectionSetRedirectPolicy": (c_void_p, c_int),
+    "OrvServerAPISetLogDirectory": (c_char_p,),
+    "OrvServerAPISetLogListener": (LOG_LISTENER, c_void_p),
+}
+# Functions of later libraries: used when the loaded library has them.
+_LATER = {
+    "OrvServerConnectionSetConnectionReuse": (c_void_p, c_int),
+    "OrvServerConnectionSetProjectCache": (c_void_p, c_long),
+    "OrvServerConnectionSetExpectContinue": (c_void_p, c_int),
+    "OrvServerConnectionSignOut": (c_void_p,),
 }
 
+_LOG_UNAVAILABLE = 502  # ORV_RESULT_LogUnavailable
 _lock = threading.RLock()  # reentrant: a collected Session closes its handle from any allocation
 _lib: Optional[ctypes.CDLL] = None
 _started = False
 _open: Set[int] = set()  # handles not yet closed, closed at exit before the library stops
+_logger = logging.getLogger("orvane")
 
 
 def utf16(text: str) -> bytes:
@@ -54,47 +76,74 @@ def utf16(text: str) -> bytes:
     return text.encode("utf-16-le") + b"\0\0"
 
 
+def _in_directory(path: Path) -> Path:
+    return path / LIBRARY if path.is_dir() else path
+
+
 def candidates() -> List[str]:
-    """Where the library is looked for, in order; the loader's own search comes last."""
+    """Where the library is looked for, in order: the package's own copy,
+    $ORVANE_LIBRARY (the file or its directory), lib/ of the installation's
+    prefixes, and last the system loader's own search."""
+    found = [Path(__file__).resolve().with_name(LIBRARY)]
+    found = [path for path in found if path.is_file()]
     override = os.environ.get("ORVANE_LIBRARY")
     if override:
-        return [override]
+        found.append(_in_directory(Path(override)))
     # site-packages sits in PREFIX/lib/pythonX.Y/ (or PREFIX/lib/python3/dist-packages/).
     here = list(Path(__file__).resolve().parents)
     prefixes = here[4:5] + [Path(sys.prefix), Path(sys.base_prefix)]
     libdirs = ["lib", "lib64"] + ["lib/" + a for a in [sysconfig.get_config_var("MULTIARCH")] if a]
-    found = []
     for prefix in dict.fromkeys(prefixes):
         for libdir in libdirs:
             path = prefix / libdir / LIBRARY
-            if path.is_file() and str(path) not in found:
-                found.append(str(path))
-    return found + [LIBRARY]
+            if path.is_file():
+                found.append(path)
+    return list(dict.fromkeys(str(path) for path in found)) + [LIBRARY]
+
+
+def _open_library(path: str) -> ctypes.CDLL:
+    # A tree installed without a run path finds libOrvaneCommon only when it is loaded first.
+    common = Path(path).with_name(COMMON)
+    if os.sep in path and common.is_file():
+        ctypes.CDLL(str(common), mode=ctypes.RTLD_GLOBAL)
+    return ctypes.CDLL(path)
 
 
 def _load() -> ctypes.CDLL:
     errors = []
     for path in candidates():
         try:
-            # An installed tree may carry no run path: load libOrvaneCommon from beside it first.
-            common = Path(path).with_name("libOrvaneCommon.so.1")
-            if os.sep in path and common.is_file():
-                ctypes.CDLL(str(common), mode=ctypes.RTLD_GLOBAL)
-            lib = ctypes.CDLL(path)
+            lib = _open_library(path)
             break
         except OSError as e:
             errors.append(str(e))
     else:
-        raise OSError("libOrvaneServer not found (set ORVANE_LIBRARY to its path): " + "; ".join(errors))
+        raise LibraryError(0, "libOrvaneServer not found (set ORVANE_LIBRARY to the library or its directory): "
+                           + "; ".join(errors))
     try:
         for name, argtypes in _FUNCTIONS.items():
             function = getattr(lib, name)
-            function.argtypes, function.restype = argtypes, ctypes.c_int32
-        lib.OrvGetLastErrorMessage.argtypes, lib.OrvGetLastErrorMessage.restype = (), c_wchar_p
-        lib.OrvServerAPIGetVersion.argtypes, lib.OrvServerAPIGetVersion.restype = (), c_char_p
+            function.argtypes = argtypes
+            function.restype = ctypes.c_int32
+        for name, argtypes in _LATER.items():
+            function = getattr(lib, name, None)
+            if function is not None:
+                function.argtypes = argtypes
+                function.restype = ctypes.c_int32
+        lib.OrvGetLastErrorMessage.argtypes = ()
+        lib.OrvGetLastErrorMessage.restype = c_wchar_p
+        lib.OrvServerAPIGetVersion.argtypes = ()
+        lib.OrvServerAPIGetVersion.restype = c_char_p
+        lib.OrvServerAPIGetLogPath.argtypes = ()
+        lib.OrvServerAPIGetLogPath.restype = c_char_p
     except AttributeError as e:
-        raise OSError(f"{path} is older than this package needs (1.1 or later): {e}") from None
+        raise LibraryError(0, f"{path} is older than this package needs (1.2 or later): {e}") from None
     return lib
+
+
+def has(name: str) -> bool:
+    """Whether the loaded library exports `name`."""
+    return hasattr(library(), name)
 
 
 def library() -> ctypes.CDLL:
@@ -106,21 +155,56 @@ def library() -> ctypes.CDLL:
         return _lib
 
 
+def _log_directories() -> Iterator[Optional[Path]]:
+    """Where the log may go, in order: None for $ORV_SDK_LOGDIR (the library
+    reads it), else $XDG_STATE_HOME/orvane (~/.local/state/orvane), then a
+    private temporary directory; never the working directory."""
+    if os.environ.get("ORV_SDK_LOGDIR"):
+        yield None
+        return
+    state = os.environ.get("XDG_STATE_HOME") or os.path.join(os.path.expanduser("~"), ".local", "state")
+    directory = Path(state) / "orvane"
+    try:
+        directory.mkdir(mode=0o700, parents=True, exist_ok=True)
+        yield directory
+    except OSError:
+        pass
+    yield Path(tempfile.mkdtemp(prefix="orvane-log-"))
+
+
+def _on_log_line(_: Any, line: Optional[bytes]) -> None:
+    # On the library's log writer thread: an exception here would have nowhere to go.
+    try:
+        _logger.debug("%s", (line or b"").decode("utf-8", "replace"))
+    except Exception:
+        pass
+
+
+# Kept for the life of the process: the library may call it until it stops.
+_listener = LOG_LISTENER(_on_log_line)
+
+
 def start() -> ctypes.CDLL:
     """The library, started once per process; it is stopped at exit."""
     global _started
     lib = library()
     with _lock:
         if not _started:
-            code = lib.OrvServerAPIInitialize()
+            lib.OrvServerAPISetLogListener(_listener, None)
+            for directory in _log_directories():
+                lib.OrvServerAPISetLogDirectory(None if directory is None else utf16(str(directory)))
+                code = lib.OrvServerAPIInitialize()
+                if code != _LOG_UNAVAILABLE:  # else the library stays stopped and takes another directory
+                    break
             if code != 0:
-                raise OSError(f"libOrvaneServer did not start ({code}): {lib.OrvGetLastErrorMessage()}")
+                raise LibraryError(code, f"libOrvaneServer did not start: {lib.OrvGetLastErrorMessage()}")
             _started = True
             atexit.register(_stop)
     return lib
 
 
 def register(handle: int) -> None:
+    """Remembers an open handle, to be closed before the library stops."""
     with _lock:
         _open.add(handle)
 
