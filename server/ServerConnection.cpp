@@ -37,6 +37,7 @@ void Log(const std::wstring& line)
 
 const wchar_t kNotConnected[] = L"Connect must be called first";
 const wchar_t kCancelled[] = L"Cancelled";
+
 // What a refused reply means, by status and by what was asked:
 //   401, 403, 404 at sign-in     -> SignInRefused (wrong credentials or site)
 //   409 on an upload, no overwrite -> AlreadyExists

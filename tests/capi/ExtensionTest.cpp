@@ -362,25 +362,6 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
     }
 }
 
-// The kinds a retry may help: the connection, the time limits, the server's
-// own failure; a name for each kind, "Unknown" past the last.
-TEST_F(ExtensionTest, TransientKindsAndNames)
-{
-    const std::set<ORV_FAILURE> transient{
-        ORV_FAILURE_Connect,      ORV_FAILURE_ConnectionLost, ORV_FAILURE_ConnectTimeout, ORV_FAILURE_StallTimeout,
-        ORV_FAILURE_ReplyTimeout, ORV_FAILURE_TotalTimeout,   ORV_FAILURE_ServerError};
-    std::set<std::string> names;
-    for (int value = ORV_FAILURE_None; value <= ORV_FAILURE_Other; ++value) {
-        const auto kind = static_cast<ORV_FAILURE>(value);
-        EXPECT_EQ(transient.count(kind), static_cast<std::size_t>(OrvFailureIsTransient(kind))) << value;
-        names.insert(OrvFailureName(kind));
-    }
-    EXPECT_EQ(static_cast<std::size_t>(ORV_FAILURE_Other) + 1, names.size());
-    EXPECT_EQ(0u, names.count("Unknown"));
-    EXPECT_STREQ("ProjectNotFound", OrvFailureName(ORV_FAILURE_ProjectNotFound));
-    EXPECT_STREQ("Unknown", OrvFailureName(static_cast<ORV_FAILURE>(ORV_FAILURE_Other + 1)));
-}
-
 // A value a setter cannot honour is refused at once, and the setting stays as
 // it was: the next call goes out as if it had not been made.
 TEST_F(ExtensionTest, SettersRefuseValuesOutOfRange)
