@@ -1,5 +1,5 @@
 // orvane.hpp as a C++ program uses it: publishing to the reference server,
-// failures as orvane::Error, cancelling from another thread, moved-from sessions.
+// failures as orvane::Error, cancelling from another thread, moved-from sessions, the log.
 #include <orvane/orvane.hpp>
 
 #include "tests/capi/CapiTestSupport.h"
