@@ -55,7 +55,8 @@ enum class ErrorCode : std::int32_t {
     UnexpectedResponse = ORV_SERVER_UnexpectedResponse,
     NotInitialized = ORV_SERVER_NotInitialized,
     Cancelled = ORV_RESULT_Cancelled,
-    TimedOut = ORV_RESULT_TimedOut
+    TimedOut = ORV_RESULT_TimedOut,
+    LogUnavailable = ORV_RESULT_LogUnavailable
 };
 
 // What kind of failure ended a call; decide retries and reports from this.
@@ -208,17 +209,27 @@ class Text {
 class Library {
   public:
     Library() { Check(OrvServerAPIInitialize()); }
-    // The log goes to `logDirectory` instead of ORV_SDK_LOGDIR or the working directory.
+    // The log goes to `logDirectory` (which must exist) instead of ORV_SDK_LOGDIR
+    // or the working directory, for this Library's lifetime; ErrorCode::LogUnavailable
+    // when no log can be opened there.
     explicit Library(const Text& logDirectory)
     {
         Check(OrvServerAPISetLogDirectory(logDirectory.c_str()));
-        Check(OrvServerAPIInitialize());
+        const ORV_RESULT rc = OrvServerAPIInitialize();
+        if (rc != ORV_RESULT_Success) {
+            const Error error = Failed(rc);
+            OrvServerAPISetLogDirectory(nullptr);
+            throw error;
+        }
+        m_ownDirectory = true;
     }
     ~Library()
     {
-        OrvServerAPICleanup(); // the writer thread is done with the listeners once it returns
-        if (m_forgetListener != nullptr)
-            m_forgetListener();
+        OrvServerAPICleanup();
+        if (m_listener)
+            OrvServerAPISetLogListener(nullptr, nullptr); // it outlives start-ups otherwise
+        if (m_ownDirectory)
+            OrvServerAPISetLogDirectory(nullptr); // later start-ups follow the usual rule again
     }
     Library(const Library&) = delete;
     Library& operator=(const Library&) = delete;
@@ -231,35 +242,36 @@ class Library {
         const char* path = OrvServerAPIGetLogPath();
         return path == nullptr ? std::string() : std::string(path);
     }
-    // Receives every log line (UTF-8, no line end) on the log's writer thread;
-    // nullptr removes it. What the listener throws is dropped.
+    // Receives every log line (UTF-8, no line end) on the log's writer thread
+    // until the Library goes; nullptr removes it. What the listener throws is
+    // dropped; it must not call setLogListener.
     void setLogListener(std::function<void(std::string_view line)> listener)
     {
-        if (!listener) {
-            Check(OrvServerAPISetLogListener(nullptr, nullptr));
-            return;
-        }
-        // Replaced listeners stay alive: the writer thread may be inside one.
-        m_listeners.push_back(std::make_unique<std::function<void(std::string_view)>>(std::move(listener)));
-        Check(OrvServerAPISetLogListener(&OnLine, m_listeners.back().get()));
-        m_forgetListener = [] { OrvServerAPISetLogListener(nullptr, nullptr); };
+        auto next = listener ? std::make_unique<Listener>(std::move(listener)) : nullptr;
+        Check(next ? OrvServerAPISetLogListener(&OnLine, next.get()) : OrvServerAPISetLogListener(nullptr, nullptr));
+        m_listener = std::move(next); // the library no longer runs the one replaced
     }
 
   private:
+    using Listener = std::function<void(std::string_view)>;
     static void OnLine(void* listener, const char* line) noexcept
     {
         try {
-            (*static_cast<std::function<void(std::string_view)>*>(listener))(line);
+            (*static_cast<Listener*>(listener))(line);
         } catch (...) {
         }
+    }
+    static Error Failed(ORV_RESULT rc)
+    {
+        return Error(static_cast<ErrorCode>(rc), detail::ToUtf8(OrvGetLastErrorMessage()));
     }
     static void Check(ORV_RESULT rc)
     {
         if (rc != ORV_RESULT_Success)
-            throw Error(static_cast<ErrorCode>(rc), detail::ToUtf8(OrvGetLastErrorMessage()));
+            throw Failed(rc);
     }
-    std::vector<std::unique_ptr<std::function<void(std::string_view)>>> m_listeners;
-    void (*m_forgetListener)() = nullptr; // set by setLogListener alone, so that only its users need the function
+    std::unique_ptr<Listener> m_listener;
+    bool m_ownDirectory = false;
 };
 
 // What a Session sets before it signs in; the defaults are the safe ones.

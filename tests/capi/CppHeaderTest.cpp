@@ -1,5 +1,5 @@
 // orvane.hpp as a C++ program uses it: publishing to the reference server,
-// failures as orvane::Error, cancelling from another thread, moved-from sessions.
+// failures as orvane::Error, cancelling from another thread, moved-from sessions, the log.
 #include <orvane/orvane.hpp>
 
 #include "tests/capi/CapiTestSupport.h"
@@ -179,6 +179,32 @@ TEST_F(CppHeaderTest, MovedFromSessionIsEmpty)
     const orvane::Error error = Thrown([&] { first.publish(path, "Samples", "never"); });
     EXPECT_EQ(static_cast<int>(orvane::ErrorCode::BadHandle), static_cast<int>(error.code()));
     EXPECT_EQ("Invalid ServerConnection handle", error.message());
+}
+
+// The log goes where the Library was told and every line written after the
+// listener was set reaches it; a directory without a usable log fails start-up;
+// later start-ups log where they did before.
+TEST_F(CppHeaderTest, LibraryPlacesTheLogAndPassesItsLines)
+{
+    const std::string directory = m_dir.File("logs");
+    std::filesystem::create_directories(directory);
+    std::vector<std::string> heard; // by the writer thread; read once the Library is gone
+    std::string path;
+    {
+        orvane::Library library(directory);
+        library.setLogListener([&](std::string_view line) { heard.emplace_back(line); });
+        path = library.logPath();
+        EXPECT_THROW(orvane::Session("http://127.0.0.1:1", kUser, kPassword), orvane::Error);
+    }
+    EXPECT_EQ(directory + "/OrvaneSDKServer.log", path);
+    const std::string written = ReadFileBytes(path);
+    ASSERT_FALSE(heard.empty());
+    for (const std::string& line : heard)
+        EXPECT_NE(std::string::npos, written.find(line + "\n")) << line;
+    const orvane::Error error = Thrown([&] { orvane::Library(m_dir.File("missing")); });
+    EXPECT_EQ(static_cast<int>(orvane::ErrorCode::LogUnavailable), static_cast<int>(error.code()));
+    const orvane::Library usual;
+    EXPECT_EQ(m_dir.File("OrvaneSDKServer.log"), usual.logPath());
 }
 
 } // namespace
