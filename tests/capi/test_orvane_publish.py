@@ -67,11 +67,12 @@ class OrvanePublishTest(unittest.TestCase):
             f.write(os.urandom(1000)) if size is None else f.truncate(size)
         return path
 
-    def run_tool(self, *args, password="demo-password", stdin=None, env=None, cwd=None, user=()):
+    def run_tool(self, *args, password="demo-password", stdin=None, env=None, cwd=None, user=(),
+                 stdout=subprocess.PIPE):
         env = dict(env or self.env, **({"ORVANE_PASSWORD": password} if password else {}))
-        return subprocess.run([*user, self.tool, *args], env=env, input=stdin, capture_output=True, text=True,
-                              stdin=None if stdin else subprocess.DEVNULL, timeout=60, start_new_session=True,
-                              cwd=cwd)
+        return subprocess.run([*user, self.tool, *args], env=env, input=stdin, stdout=stdout, stderr=subprocess.PIPE,
+                              text=True, stdin=None if stdin else subprocess.DEVNULL, timeout=60,
+                              start_new_session=True, cwd=cwd)
 
     def spawn(self, args, stderr):
         proc = subprocess.Popen([self.tool, "-u", "demo", "-p", "Samples", *args], stdin=subprocess.DEVNULL,
@@ -167,6 +168,12 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertEqual(("refused", 409), (entry["result"], entry["status"]))
         self.assertIn('already exists in project "Samples"', entry["reason"])
         self.assertIn(entry["reason"] + " Use --overwrite to replace it.", result.stderr)
+
+        with open("/dev/full", "w") as full:
+            result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Samples", "--dry-run", "--json", small,
+                                   stdout=full)
+        self.assertEqual(8, result.returncode, result.stderr)
+        self.assertIn("cannot write the results to standard output: No space left on device", result.stderr)
 
         # A missing project is told once, whichever of the two sessions met it first.
         result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Nowhere", "-j2", "--json", big, small)
