@@ -52,15 +52,11 @@ _FUNCTIONS = {
     "OrvServerConnectionSetRedirectPolicy": (c_void_p, c_int),
     "OrvServerAPISetLogDirectory": (c_char_p,),
     "OrvServerAPISetLogListener": (LOG_LISTENER, c_void_p),
-}
-# Functions of later libraries: used when the loaded library has them.
-_LATER = {
     "OrvServerConnectionSetConnectionReuse": (c_void_p, c_int),
     "OrvServerConnectionSetProjectCache": (c_void_p, c_long),
     "OrvServerConnectionSetExpectContinue": (c_void_p, c_int),
     "OrvServerConnectionSignOut": (c_void_p,),
 }
-
 _LOG_UNAVAILABLE = 502  # ORV_RESULT_LogUnavailable
 _lock = threading.RLock()  # reentrant: a collected Session closes its handle from any allocation
 _lib: Optional[ctypes.CDLL] = None
@@ -125,11 +121,6 @@ def _load() -> ctypes.CDLL:
             function = getattr(lib, name)
             function.argtypes = argtypes
             function.restype = ctypes.c_int32
-        for name, argtypes in _LATER.items():
-            function = getattr(lib, name, None)
-            if function is not None:
-                function.argtypes = argtypes
-                function.restype = ctypes.c_int32
         lib.OrvGetLastErrorMessage.argtypes = ()
         lib.OrvGetLastErrorMessage.restype = c_wchar_p
         lib.OrvServerAPIGetVersion.argtypes = ()
@@ -139,11 +130,6 @@ def _load() -> ctypes.CDLL:
     except AttributeError as e:
         raise LibraryError(0, f"{path} is older than this package needs (1.2 or later): {e}") from None
     return lib
-
-
-def has(name: str) -> bool:
-    """Whether the loaded library exports `name`."""
-    return hasattr(library(), name)
 
 
 def library() -> ctypes.CDLL:
