@@ -57,6 +57,7 @@ _FUNCTIONS = {
     "OrvServerConnectionSetExpectContinue": (c_void_p, c_int),
     "OrvServerConnectionSignOut": (c_void_p,),
 }
+
 _LOG_UNAVAILABLE = 502  # ORV_RESULT_LogUnavailable
 _lock = threading.RLock()  # reentrant: a collected Session closes its handle from any allocation
 _lib: Optional[ctypes.CDLL] = None
@@ -72,19 +73,16 @@ def utf16(text: str) -> bytes:
     return text.encode("utf-16-le") + b"\0\0"
 
 
-def _in_directory(path: Path) -> Path:
-    return path / LIBRARY if path.is_dir() else path
-
-
 def candidates() -> List[str]:
     """Where the library is looked for, in order: the package's own copy,
     $ORVANE_LIBRARY (the file or its directory), lib/ of the installation's
     prefixes, and last the system loader's own search."""
-    found = [Path(__file__).resolve().with_name(LIBRARY)]
-    found = [path for path in found if path.is_file()]
+    own = Path(__file__).resolve().with_name(LIBRARY)
+    found = [own] if own.is_file() else []
     override = os.environ.get("ORVANE_LIBRARY")
     if override:
-        found.append(_in_directory(Path(override)))
+        path = Path(override)
+        found.append(path / LIBRARY if path.is_dir() else path)
     # site-packages sits in PREFIX/lib/pythonX.Y/ (or PREFIX/lib/python3/dist-packages/).
     here = list(Path(__file__).resolve().parents)
     prefixes = here[4:5] + [Path(sys.prefix), Path(sys.base_prefix)]
