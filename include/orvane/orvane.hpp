@@ -283,6 +283,9 @@ struct SessionOptions {
     RedirectPolicy redirects = RedirectPolicy::SameOrigin;
     std::uint64_t maxReplySize = 16 << 20; // bytes; 0: no limit
     std::string caCertificates;            // PEM bundle or hashed directory; "": the system's
+    bool connectionReuse = true;           // one kept-alive connection for all requests
+    std::chrono::seconds projectCache{300};
+    bool expectContinue = false; // no idle round trip before an upload's body
 };
 
 struct UploadProgress {
@@ -311,6 +314,9 @@ class Session {
         setMaxRedirects(options.maxRedirects);
         setMaxReplySize(options.maxReplySize);
         setRedirectPolicy(options.redirects);
+        setConnectionReuse(options.connectionReuse);
+        setProjectCache(options.projectCache);
+        setExpectContinue(options.expectContinue);
         if (!options.caCertificates.empty())
             setCACertificates(options.caCertificates);
         connect(url, user, password, site);
