@@ -13,7 +13,7 @@
  *
  * A Session signs in with the safe options on (see SessionOptions): cancel
  * within a second, time limits, few redirects and to the same origin only, a
- * bounded reply. Its destructor sends nothing; signOut() ends the session on
+ * bounded reply, one kept-alive connection. Its destructor sends nothing; signOut() ends the session on
  * the server. Threads: a Session is used by one thread at a time, except
  * cancel(), which any thread may call while another publishes; destroy a
  * Session only after its calls have returned.
