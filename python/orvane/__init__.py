@@ -186,9 +186,7 @@ class Session:
         self._finalizer.atexit = False  # the library's own exit hook closes what is left
         try:
             for name, *args in calls:
-                function = getattr(self._lib, "OrvServerConnection" + name, None)
-                if function is not None:  # a library older than the package lacks only the time savers
-                    self._check(function(self._handle, *args))
+                self._check(getattr(self._lib, "OrvServerConnection" + name)(self._handle, *args))
             self._call(self._lib.OrvServerConnectionConnect, *texts)
             self._signed_in = True
         except BaseException:
@@ -326,7 +324,7 @@ class Session:
         if self._owner == threading.get_ident():
             raise RuntimeError("a Session cannot be closed from inside its own call")
         with self._busy:
-            if self._signed_in and self._handle is not None and _native.has("OrvServerConnectionSignOut"):
+            if self._signed_in and self._handle is not None:
                 self._signed_in = False
                 self._lib.OrvServerConnectionSetTotalTimeout(self._handle, _SIGN_OUT_LIMIT)
                 self._lib.OrvServerConnectionSignOut(self._handle)

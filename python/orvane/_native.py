@@ -52,9 +52,6 @@ _FUNCTIONS = {
     "OrvServerConnectionSetRedirectPolicy": (c_void_p, c_int),
     "OrvServerAPISetLogDirectory": (c_char_p,),
     "OrvServerAPISetLogListener": (LOG_LISTENER, c_void_p),
-}
-# Functions of later libraries: used when the loaded library has them.
-_LATER = {
     "OrvServerConnectionSetConnectionReuse": (c_void_p, c_int),
     "OrvServerConnectionSetProjectCache": (c_void_p, c_long),
     "OrvServerConnectionSetExpectContinue": (c_void_p, c_int),
@@ -76,19 +73,16 @@ def utf16(text: str) -> bytes:
     return text.encode("utf-16-le") + b"\0\0"
 
 
-def _in_directory(path: Path) -> Path:
-    return path / LIBRARY if path.is_dir() else path
-
-
 def candidates() -> List[str]:
     """Where the library is looked for, in order: the package's own copy,
     $ORVANE_LIBRARY (the file or its directory), lib/ of the installation's
     prefixes, and last the system loader's own search."""
-    found = [Path(__file__).resolve().with_name(LIBRARY)]
-    found = [path for path in found if path.is_file()]
+    own = Path(__file__).resolve().with_name(LIBRARY)
+    found = [own] if own.is_file() else []
     override = os.environ.get("ORVANE_LIBRARY")
     if override:
-        found.append(_in_directory(Path(override)))
+        path = Path(override)
+        found.append(path / LIBRARY if path.is_dir() else path)
     # site-packages sits in PREFIX/lib/pythonX.Y/ (or PREFIX/lib/python3/dist-packages/).
     here = list(Path(__file__).resolve().parents)
     prefixes = here[4:5] + [Path(sys.prefix), Path(sys.base_prefix)]
@@ -125,11 +119,6 @@ def _load() -> ctypes.CDLL:
             function = getattr(lib, name)
             function.argtypes = argtypes
             function.restype = ctypes.c_int32
-        for name, argtypes in _LATER.items():
-            function = getattr(lib, name, None)
-            if function is not None:
-                function.argtypes = argtypes
-                function.restype = ctypes.c_int32
         lib.OrvGetLastErrorMessage.argtypes = ()
         lib.OrvGetLastErrorMessage.restype = c_wchar_p
         lib.OrvServerAPIGetVersion.argtypes = ()
@@ -139,11 +128,6 @@ def _load() -> ctypes.CDLL:
     except AttributeError as e:
         raise LibraryError(0, f"{path} is older than this package needs (1.2 or later): {e}") from None
     return lib
-
-
-def has(name: str) -> bool:
-    """Whether the loaded library exports `name`."""
-    return hasattr(library(), name)
 
 
 def library() -> ctypes.CDLL:

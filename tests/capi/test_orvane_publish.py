@@ -5,6 +5,7 @@ Usage: test_orvane_publish.py BUILD_DIR REFERENCE_SERVER [unittest options]
 import hashlib
 import json
 import os
+import pathlib
 import re
 import select
 import shutil
@@ -66,11 +67,12 @@ class OrvanePublishTest(unittest.TestCase):
             f.write(os.urandom(1000)) if size is None else f.truncate(size)
         return path
 
-    def run_tool(self, *args, password="demo-password", stdin=None, env=None, cwd=None, user=()):
+    def run_tool(self, *args, password="demo-password", stdin=None, env=None, cwd=None, user=(),
+                 stdout=subprocess.PIPE):
         env = dict(env or self.env, **({"ORVANE_PASSWORD": password} if password else {}))
-        return subprocess.run([*user, self.tool, *args], env=env, input=stdin, capture_output=True, text=True,
-                              stdin=None if stdin else subprocess.DEVNULL, timeout=60, start_new_session=True,
-                              cwd=cwd)
+        return subprocess.run([*user, self.tool, *args], env=env, input=stdin, stdout=stdout, stderr=subprocess.PIPE,
+                              text=True, stdin=None if stdin else subprocess.DEVNULL, timeout=60,
+                              start_new_session=True, cwd=cwd)
 
     def spawn(self, args, stderr):
         proc = subprocess.Popen([self.tool, "-u", "demo", "-p", "Samples", *args], stdin=subprocess.DEVNULL,
@@ -100,15 +102,10 @@ class OrvanePublishTest(unittest.TestCase):
         self.addCleanup(server.terminate)
         return wait_for_port(server, os.path.join(folder, "port")), folder
 
-    def requests(self, folder):
-        """Method and path (without the query) of each request the scripted server recorded in `folder`."""
-        lines = []
-        for name in os.listdir(folder):
-            if name.endswith(".head"):
-                with open(os.path.join(folder, name)) as f:
-                    method, target = f.readline().split()[:2]
-                lines.append(method + " " + target.split("?")[0])
-        return lines
+    def uploads_received(self, folder):
+        """How many uploads the scripted server recorded in `folder`."""
+        heads = [pathlib.Path(folder, name).read_text() for name in os.listdir(folder) if name.endswith(".head")]
+        return sum(head.startswith("POST " + UPLOAD_PATH) for head in heads)
 
     def fetch(self, path):
         opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -117,6 +114,10 @@ class OrvanePublishTest(unittest.TestCase):
     def stored(self):
         listing = self.fetch("/__published")
         return {line.split("\t")[1]: line.split("\t")[2:4] for line in listing.splitlines()}
+
+    def stats(self):
+        """The reference server's counters: live sessions, requests and connections so far."""
+        return {name: int(value) for name, value in (line.split() for line in self.fetch("/__stats").splitlines())}
 
     def test_help_version_man_page_and_usage_errors(self):
         result = self.run_tool("--help")
@@ -168,11 +169,34 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertIn('already exists in project "Samples"', entry["reason"])
         self.assertIn(entry["reason"] + " Use --overwrite to replace it.", result.stderr)
 
+        with open("/dev/full", "w") as full:
+            result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Samples", "--dry-run", "--json", small,
+                                   stdout=full)
+        self.assertEqual(8, result.returncode, result.stderr)
+        self.assertIn("cannot write the results to standard output: No space left on device", result.stderr)
+
         # A missing project is told once, whichever of the two sessions met it first.
         result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Nowhere", "-j2", "--json", big, small)
         self.assertEqual(4, result.returncode, result.stderr)
         self.assertEqual(1, result.stderr.count('Project "Nowhere" doesn\'t exist'), result.stderr)
         self.assertEqual(["ProjectNotFound"] * 2, [entry["error"] for entry in json.loads(result.stdout)["files"]])
+
+    def test_each_session_keeps_one_connection_and_signs_out(self):
+        files = [self.extract(f"trip-{n}.qrx") for n in range(4)]
+        for args, count, connections, requests in (
+                # Sign-in, one lookup of three pages ("Samples" is on page 3), three uploads, sign-out.
+                (["-j1"], 3, 1, 8),
+                (["-j1", "--no-reuse"], 2, 10, 10),
+                (["-j2"], 4, 2, None)):  # the second session may come too late for a file
+            with self.subTest(args=args):
+                before = self.stats()
+                result = self.run_tool("-s", self.url, "-u", "demo", "-p", "Samples", "-o", *args, *files[:count])
+                self.assertEqual(0, result.returncode, result.stderr)
+                after = self.stats()
+                self.assertEqual(before["sessions"], after["sessions"])
+                self.assertEqual(connections, after["connections"] - before["connections"])
+                if requests is not None:
+                    self.assertEqual(requests, after["requests"] - before["requests"])
 
     def test_a_lost_answer_to_a_whole_upload_is_never_told_as_a_failure(self):
         extract = self.extract("lost.qrx")
@@ -180,7 +204,9 @@ class OrvanePublishTest(unittest.TestCase):
                 ("502, no retry", [{"status": 502}], [], 7, "uncertain", ["may or may not be published"]),
                 ("502, then a conflict", [{"status": 502}, {"status": 409}], ["--retry", "1"], 7, "uncertain",
                  ["sending it again in 1 s (retry 1 of 1)", "(HTTP 409)", "may or may not be published"]),
-                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0, "published",
+                # On a kept-alive connection the library itself would send the upload again after a reset.
+                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o", "--no-reuse"], 0,
+                 "published",
                  ["sending it again in 1 s (retry 1 of 1)"])):
             with self.subTest(name):
                 url, folder = self.scripted(SIGN_IN, PROJECTS, {"path": UPLOAD_PATH, "method": "POST",
@@ -191,7 +217,7 @@ class OrvanePublishTest(unittest.TestCase):
                 self.assertEqual((result_name, len(answers)), (entry["result"], entry["uploads"]))
                 for text in texts:
                     self.assertIn(text, result.stderr)
-                self.assertEqual(len(answers), self.requests(folder).count("POST " + UPLOAD_PATH))
+                self.assertEqual(len(answers), self.uploads_received(folder))
 
     def test_exit_status_from_each_situation(self):
         (_, silent_url), (_, closed_url) = self.loopback_socket(True), self.loopback_socket(False)
@@ -274,6 +300,7 @@ class OrvanePublishTest(unittest.TestCase):
         files = [self.extract(names[0] + ".qrx")] + [self.extract(name + ".qrx", 1 << 30) for name in names[1:]]
         master, slave = os.openpty()
         self.addCleanup(os.close, master)
+        sessions = self.stats()["sessions"]
         proc = self.spawn(["-s", self.url, "--json", "-j2", *files], stderr=slave)
         os.close(slave)
         terminal = self.read_terminal(master, METER.format("2 running, 1 of 4 files", r"3\.0 GiB"))
@@ -287,6 +314,7 @@ class OrvanePublishTest(unittest.TestCase):
         self.assertEqual(["published", "interrupted", "interrupted", "not-started"],
                          [entry["result"] for entry in summary["files"]])
         self.assertEqual({"tty-first"}, set(names) & set(self.stored()))
+        self.assertEqual(sessions, self.stats()["sessions"])  # both sessions signed out
 
     def test_sigterm_stops_a_call_that_waits_on_a_silent_server(self):
         silent, url = self.loopback_socket(True)

@@ -252,24 +252,17 @@ def sign_in_reply(status, body="", location=None):
     return [{"path": SIGN_IN, "method": "POST", "responses": [{"status": status, "body": body, "headers": headers}]}]
 
 
-EDGES = {  # what the peer does: (routes of the scripted server, Session options, error or None, piece of its text)
-    "reply over the default limit": (lambda srv: sign_in_reply(200, "x" * (16 << 20 | 1)), {}, orvane.TransferError,
-                                     "Raise max_reply_size="),
-    "reply limit lifted": (lambda srv: sign_in_reply(200, "x" * (16 << 20 | 1)), {"max_reply_size": None},
-                           orvane.ServerError, ""),
-    "redirect to another origin": (lambda srv: sign_in_reply(307, location=srv.url + SIGN_IN), {},
-                                   orvane.TransferError, "redirects=\"follow\""),
-    "redirect followed when asked": (lambda srv: sign_in_reply(307, location=srv.url + SIGN_IN),
-                                     {"redirects": "follow"}, None, ""),
+EDGES = {  # what the peer does: (routes of the scripted server, the hint of the failure it must cause)
+    "reply over the default limit": (lambda srv: sign_in_reply(200, "x" * (16 << 20 | 1)), "Raise max_reply_size="),
+    "redirect to another origin": (lambda srv: sign_in_reply(307, location=srv.url + SIGN_IN), 'redirects="follow"'),
 }
 
 
-@pytest.mark.parametrize("routes, options, error, text", EDGES.values(), ids=EDGES.keys())
-def test_what_a_session_refuses_by_default(server, scripted, routes, options, error, text):
+@pytest.mark.parametrize("routes, hint", EDGES.values(), ids=EDGES.keys())
+def test_what_a_session_refuses_by_default(server, scripted, routes, hint):
     url = scripted(routes(server))
-    outcome = contextlib.nullcontext() if error is None else pytest.raises(error, match=text)
-    with outcome:
-        orvane.Session(url, "demo", "demo-password", **options).close()
+    with pytest.raises(orvane.TransferError, match=hint):
+        orvane.Session(url, "demo", "demo-password")
 
 
 ROUND_TRIPS = {  # Session options: connections the server saw for a session with three publishes

@@ -187,6 +187,9 @@ Session::Session(const Settings& s, Cancels& cancels, Console& console)
         [&] { return OrvServerConnectionSetMaxRedirects(h, o.maxRedirects == 0 ? -1 : o.maxRedirects); },
         [&] { return OrvServerConnectionSetRedirectPolicy(h, policy); },
         [&] { return OrvServerConnectionSetMaxReplySize(h, kMaxReplyBytes); },
+        [&] { return OrvServerConnectionSetConnectionReuse(h, o.reuse ? 1 : 0); },
+        [&] { return OrvServerConnectionSetProjectCache(h, o.reuse ? kProjectCacheSeconds : 0); },
+        [&] { return OrvServerConnectionSetExpectContinue(h, o.reuse ? 0 : 1); },
         [&] {
             return o.cacert.empty() ? ORV_RESULT_Success : OrvServerConnectionSetCACertificates(h, s.cacert.c_str());
         },
@@ -206,6 +209,14 @@ Session::~Session()
     if (m_handle == nullptr)
         return;
     m_cancels.Remove(m_handle);
+    if (m_signedIn) {
+        // Bounded, also after a signal: a server that does not answer costs
+        // seconds, not the run. A cancel that came between calls stops the
+        // first try at its start, before anything is sent.
+        OrvServerConnectionSetTotalTimeout(m_handle, kSignOutSeconds);
+        if (OrvServerConnectionSignOut(m_handle) == ORV_RESULT_Cancelled)
+            OrvServerConnectionSignOut(m_handle);
+    }
     OrvServerConnectionDisconnect(m_handle);
     OrvServerConnectionClose(m_handle);
 }

@@ -1,7 +1,9 @@
 #include "Report.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace orvpub {
@@ -78,6 +80,12 @@ bool Write(const Json& json)
     return std::fflush(stdout) == 0 && written && !std::ferror(stdout);
 }
 
+int OutputLost(Console& console)
+{
+    console.Err(std::string("cannot write the results to standard output: ") + std::strerror(errno));
+    return kExitOutput;
+}
+
 } // namespace
 
 int ExitStatus(const Run& run)
@@ -131,7 +139,7 @@ int Summarize(const Run& run, Console& console)
             json["files"].push_back(entry);
         }
         console.Wipe();
-        return Write(json) || run.signal != 0 ? status : kExitOutput;
+        return Write(json) || run.signal != 0 ? status : OutputLost(console);
     }
     if (run.signal == 0 && started && run.signIn.kind == Kind::Published) {
         if (!o.dryRun) {
@@ -144,7 +152,7 @@ int Summarize(const Run& run, Console& console)
                                o.server.c_str(), o.user.c_str(), o.project.c_str(), total, files));
         }
     }
-    return console.OutputLost() && run.signal == 0 ? kExitOutput : status;
+    return console.OutputLost() && run.signal == 0 ? OutputLost(console) : status;
 }
 
 int ReportUsage(const std::string& problem)
