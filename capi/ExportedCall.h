@@ -13,10 +13,10 @@
 
 #include "common/HandleRepository.h"
 #include "logging/Logger.h"
-#include "network/ForcedUnwind.h"
 #include "rest/RestIO.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
+#include "sys/Errors.h"
 #include "sys/StringUtils.h"
 
 namespace OrvaneInternal::Exported {

@@ -11,6 +11,7 @@
 #include "sys/Unicode.h"
 
 #include <iterator>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -66,8 +67,32 @@ datetime SimpleLogger::GetTimestamp()
     return s_utc ? datetime::utc() : datetime::now();
 }
 
+// Counts a thread in while it formats and pushes, unless a fork is being
+// prepared: then it waits for the fork to be done first.
+class SimpleLogger::QueueingScope {
+  public:
+    explicit QueueingScope(SimpleLogger& logger) : m_logger(logger)
+    {
+        for (;;) {
+            m_logger.m_queueing.fetch_add(1);
+            if (!m_logger.m_forking.load())
+                return;
+            m_logger.m_queueing.fetch_sub(1);
+            while (m_logger.m_forking.load())
+                std::this_thread::yield();
+        }
+    }
+    ~QueueingScope() { m_logger.m_queueing.fetch_sub(1); }
+    QueueingScope(const QueueingScope&) = delete;
+    QueueingScope& operator=(const QueueingScope&) = delete;
+
+  private:
+    SimpleLogger& m_logger;
+};
+
 template <class Text> void SimpleLogger::Queue(const Text& message)
 {
+    const QueueingScope scope(*this);
     try {
         Push(LinesOf(LineHeader(GetTimestamp(), CurrentThreadId()).View(), message));
     } catch (...) {
@@ -127,19 +152,26 @@ void SimpleLogger::QueueStop()
     }
 }
 
+// No thread may be inside Queue at the fork: it may hold locks that the child
+// would find taken for ever, the C library's time-zone lock among them.
 void SimpleLogger::BeforeFork()
 {
+    m_forking.store(true);
+    while (m_queueing.load() != 0)
+        std::this_thread::yield();
     m_streamMutex.lock();
 }
 
 void SimpleLogger::AfterForkInParent()
 {
     m_streamMutex.unlock();
+    m_forking.store(false);
 }
 
 void SimpleLogger::AfterForkInChild()
 {
     m_streamMutex.unlock(); // taken by this very thread in BeforeFork
+    m_forking.store(false);
     // Another thread of the parent may have been inside a push, and the
     // parent's writer may be waiting in a pop: the copy cannot be trusted, nor
     // freed. It stays reachable so that leak checkers see it as kept.

@@ -23,6 +23,7 @@
 
 #include <tbb/concurrent_queue.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <istream>
@@ -94,6 +95,10 @@ class SimpleLogger : public Logger {
     // Flush may come from another thread while the writer writes or replaces
     // the stream; BeforeFork holds it until the fork is done.
     std::mutex m_streamMutex;
+    // Threads inside Queue, and a fork being prepared (see BeforeFork).
+    class QueueingScope;
+    std::atomic<int> m_queueing{0};
+    std::atomic<bool> m_forking{false};
 };
 
 } // namespace OrvaneInternal

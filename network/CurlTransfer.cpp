@@ -3,9 +3,9 @@
 #include "logging/Logger.h"
 #include "network/CurlNetwork.h"
 #include "network/CurlNetworkException.h"
-#include "network/ForcedUnwind.h"
 #include "rest/RestReply.h"
 #include "rest/RestRequest.h"
+#include "sys/Errors.h"
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>

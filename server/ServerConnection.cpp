@@ -3,7 +3,6 @@
 #include "logging/Logger.h"
 #include "network/CallContext.h"
 #include "network/CurlNetworkException.h"
-#include "network/ForcedUnwind.h"
 #include "network/INetwork.h"
 #include "network/NetworkFactory.h"
 #include "rest/BufferReply.h"

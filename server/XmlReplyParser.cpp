@@ -1,7 +1,7 @@
 #include "server/XmlReplyParser.h"
 
-#include "network/ForcedUnwind.h"
 #include "server/ServerException.h"
+#include "sys/Errors.h"
 #include "sys/Unicode.h"
 
 #include <expat.h>

@@ -46,6 +46,14 @@ inline bool IsThreadUnwinding()
     return !std::current_exception();
 }
 
+// First thing in a catch-all handler that goes on to swallow: lets a
+// cancelled thread's unwinding pass, and returns otherwise.
+inline void RethrowForcedUnwind()
+{
+    if (IsThreadUnwinding())
+        throw;
+}
+
 // Status numbers raised outside the text converters.
 namespace QRX_Status {
 constexpr int32_t NullReference = 40460;

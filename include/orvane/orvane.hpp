@@ -13,7 +13,7 @@
  *
  * A Session signs in with the safe options on (see SessionOptions): cancel
  * within a second, time limits, few redirects and to the same origin only, a
- * bounded reply. Its destructor sends nothing; signOut() ends the session on
+ * bounded reply, one kept-alive connection. Its destructor sends nothing; signOut() ends the session on
  * the server. Threads: a Session is used by one thread at a time, except
  * cancel(), which any thread may call while another publishes; destroy a
  * Session only after its calls have returned.
@@ -283,6 +283,9 @@ struct SessionOptions {
     RedirectPolicy redirects = RedirectPolicy::SameOrigin;
     std::uint64_t maxReplySize = 16 << 20; // bytes; 0: no limit
     std::string caCertificates;            // PEM bundle or hashed directory; "": the system's
+    bool connectionReuse = true;           // one kept-alive connection for all requests
+    std::chrono::seconds projectCache{300};
+    bool expectContinue = false; // no idle round trip before an upload's body
 };
 
 struct UploadProgress {
@@ -311,6 +314,9 @@ class Session {
         setMaxRedirects(options.maxRedirects);
         setMaxReplySize(options.maxReplySize);
         setRedirectPolicy(options.redirects);
+        setConnectionReuse(options.connectionReuse);
+        setProjectCache(options.projectCache);
+        setExpectContinue(options.expectContinue);
         if (!options.caCertificates.empty())
             setCACertificates(options.caCertificates);
         connect(url, user, password, site);
