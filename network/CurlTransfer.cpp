@@ -51,6 +51,7 @@ template <class R, class F> R CurlTransfer::Guarded(R onError, F&& body)
 
 void CurlTransfer::Apply(CURL* handle)
 {
+    m_handle = handle;
     void* self = static_cast<void*>(this);
     if (m_request.m_method == RestRequest::Post) {
         SetOpt(handle, CURLOPT_READFUNCTION, &CurlTransfer::Read);
@@ -136,6 +137,9 @@ void CurlTransfer::Fail(CURL* handle, CURLcode code)
     case FailureKind::ReplyTimeout:
     case FailureKind::TotalTimeout:
         throw TransferStopped(m_stop, timedOut, code);
+    case FailureKind::ConnectionLost:
+        throw CurlNetworkException(m_stop, "Connection lost after the whole upload was sent; it was not sent again",
+                                   code);
     case FailureKind::ReplyTooLarge:
         throw CurlNetworkException(
             m_stop, "Server reply larger than the limit of " + std::to_string(*m_options.m_maxReplySize) + " bytes",
@@ -152,6 +156,17 @@ void CurlTransfer::Fail(CURL* handle, CURLcode code)
     if (curl_easy_getinfo(handle, CURLINFO_HTTP_CONNECTCODE, &connectStatus) == CURLE_OK && connectStatus >= 300)
         throw CurlNetworkException(FailureKind::Proxy, curl_easy_strerror(code), code);
     throw CurlNetworkException(code);
+}
+
+bool CurlTransfer::LostAfterWholeUpload() const
+{
+    // libcurl resends a request whose reused connection died before any
+    // answer; a redirect or an authentication answer rewinds with a status.
+    // A whole upload may have landed: sending it again could store it twice.
+    if (!m_context.m_upload || m_context.m_uploadTotal == 0 || m_context.m_uploadSent < m_context.m_uploadTotal)
+        return false;
+    long status = 0;
+    return curl_easy_getinfo(m_handle, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK && status == 0;
 }
 
 void CurlTransfer::Stop(FailureKind reason)
@@ -230,6 +245,10 @@ int CurlTransfer::Seek(void* userdata, curl_off_t offset, int origin)
     return transfer->Guarded(static_cast<int>(CURL_SEEKFUNC_FAIL), [&] {
         if (origin != SEEK_SET)
             throw CurlNetworkException(std::string("CurlNetwork error: Seek origin other than SEEK_SET."));
+        if (transfer->LostAfterWholeUpload()) {
+            transfer->Stop(FailureKind::ConnectionLost);
+            return static_cast<int>(CURL_SEEKFUNC_FAIL);
+        }
         const int result = transfer->m_request.m_body.Seek(static_cast<size_t>(offset));
         if (result == CURL_SEEKFUNC_OK && !transfer->BodyMoved())
             return static_cast<int>(CURL_SEEKFUNC_FAIL);

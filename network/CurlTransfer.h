@@ -57,6 +57,8 @@ class CurlTransfer {
     template <class R, class F> R Guarded(R onError, F&& body);
     // Records the first reason to stop; libcurl is then made to abort.
     void Stop(FailureKind reason);
+    // True when libcurl would resend a whole upload that got no answer.
+    bool LostAfterWholeUpload() const;
     // The body's read position changed: kept for the session, reported to
     // the progress callback (a refusal stops the transfer).
     bool BodyMoved();
@@ -65,6 +67,7 @@ class CurlTransfer {
     bool LimitReached(Clock::time_point now, bool bodySent);
 
     CurlNetwork& m_network;
+    CURL* m_handle = nullptr;
     RestRequest& m_request;
     RestReply& m_reply;
     CallContext& m_context;

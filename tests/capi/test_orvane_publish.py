@@ -204,8 +204,7 @@ class OrvanePublishTest(unittest.TestCase):
                 ("502, no retry", [{"status": 502}], [], 7, "uncertain", ["may or may not be published"]),
                 ("502, then a conflict", [{"status": 502}, {"status": 409}], ["--retry", "1"], 7, "uncertain",
                  ["sending it again in 1 s (retry 1 of 1)", "(HTTP 409)", "may or may not be published"]),
-                # On a kept-alive connection the library itself would send the upload again after a reset.
-                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o", "--no-reuse"], 0,
+                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0,
                  "published",
                  ["sending it again in 1 s (retry 1 of 1)"])):
             with self.subTest(name):
