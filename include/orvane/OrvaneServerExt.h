@@ -218,7 +218,10 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetRedirectPolicy(void* handle, ORV
 /* Non-zero: every request of the handle goes over one kept-alive connection
  * and TLS session, replaced without notice when the server closes it; a
  * request lost on the kept connection before any byte of the answer came is
- * sent once more on a fresh one. Disconnect (and Connect, SignOut) close it.
+ * sent once more on a fresh one, except an upload whose whole body went out:
+ * it may have landed, so the call fails with ORV_FAILURE_ConnectionLost and
+ * OrvServerConnectionGetUploadProgress shows sent == total. Disconnect (and
+ * Connect, SignOut) close it.
  * 0 (the default): a new connection for every request. */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionSetConnectionReuse(void* handle, int enable);
 
