@@ -24,11 +24,10 @@ ORV_RESULT OrvServerAPISetLogDirectory(const unsigned short* path)
             SetLastError(L"The log directory is not valid UTF-16");
             return ORV_RESULT_InvalidArgument;
         }
-        if (path != nullptr && directory.empty()) {
-            SetLastError(L"The log directory is empty");
-            return ORV_RESULT_InvalidArgument;
-        }
-        ServerAPI::SetLogDirectory(directory);
+        if (path != nullptr && directory.empty())
+            ServerAPI::SetNoLog();
+        else
+            ServerAPI::SetLogDirectory(directory);
         return ORV_RESULT_Success;
     });
 }

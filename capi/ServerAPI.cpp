@@ -23,6 +23,7 @@ bool initialized = false;
 RefCntPtr<Thread> loggerThread;
 bool hooksRegistered = false;
 std::wstring logDirectory; // empty: the default rule
+bool noLog = false;        // the host asked for no log file
 std::string logPath;
 // The logger that BeforeFork quiesced, for the handler that follows it.
 RefCntPtr<Logger> forkingLogger;
@@ -95,7 +96,11 @@ void ServerAPI::Initialize()
 {
     if (initialized)
         return;
-    std::string path = InitializeLogger(loggerThread, logDirectory);
+    std::string path;
+    if (noLog)
+        InitializeWithoutLog(loggerThread);
+    else
+        path = InitializeLogger(loggerThread, logDirectory);
     if (!hooksRegistered) {
         hooksRegistered = true;
         // Either fails only without memory, and then the library runs on
@@ -127,6 +132,13 @@ void ServerAPI::Cleanup()
 void ServerAPI::SetLogDirectory(const std::wstring& directory)
 {
     logDirectory = directory;
+    noLog = false;
+}
+
+void ServerAPI::SetNoLog()
+{
+    logDirectory.clear();
+    noLog = true;
 }
 
 const std::string& ServerAPI::LogPath()

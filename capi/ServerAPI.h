@@ -25,6 +25,8 @@ class ServerAPI {
     // Where the next start-up puts the log (see InitializeLogger); empty
     // restores the default rule. A running library keeps its log.
     static void SetLogDirectory(const std::wstring& directory);
+    // The next start-up opens no log file, until SetLogDirectory.
+    static void SetNoLog();
     // The log in use, absolute and in UTF-8; empty while stopped.
     static const std::string& LogPath();
 };

@@ -51,6 +51,16 @@ RefCntPtr<SimpleLogger> OpenInChosenDirectory(const std::wstring& directory, con
 
 } // namespace
 
+void InitializeWithoutLog(RefCntPtr<Thread>& loggerThread)
+{
+    if (loggerThread && loggerThread->Joinable()) {
+        Logger::Get()->QueueStop();
+        loggerThread->Join();
+    }
+    Logger::Init(RefCntPtr<Logger>()); // the null logger drops every line
+    loggerThread = RefCntPtr<Thread>();
+}
+
 std::string InitializeLogger(RefCntPtr<Thread>& loggerThread, const std::wstring& directory)
 {
     const std::wstring name = L"OrvaneSDKServer.log";

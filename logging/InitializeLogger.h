@@ -34,4 +34,8 @@ class LogDirectoryUnusable : public std::runtime_error {
 // QRX_InvalidArgument otherwise.
 std::string InitializeLogger(RefCntPtr<Thread>& loggerThread, const std::wstring& directory);
 
+// Start-up for a host that asked for no log file: a writer still running in
+// the slot is stopped and joined, and the null logger takes every line.
+void InitializeWithoutLog(RefCntPtr<Thread>& loggerThread);
+
 } // namespace OrvaneInternal

@@ -256,8 +256,10 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSignOut(void* handle);
  * ORV_RESULT_LogUnavailable with a text naming the directory, and the library
  * stays stopped: a host can choose another directory and start again. Under
  * the default rule a log that cannot be opened fails start-up with
- * ORV_RESULT_UnknownError, as OrvaneServer.h describes.
- * ORV_RESULT_InvalidArgument for an empty or ill-formed path. */
+ * ORV_RESULT_UnknownError, as OrvaneServer.h describes. An empty path (not a
+ * null one) starts the library with no log file at all: every line is
+ * dropped, the listener gets none, and OrvServerAPIGetLogPath gives null.
+ * ORV_RESULT_InvalidArgument for an ill-formed path. */
 ORV_SERVER_API ORV_RESULT OrvServerAPISetLogDirectory(const unsigned short* path);
 
 /* The absolute path of the log file in use (UTF-8), valid until

@@ -110,7 +110,15 @@ Started StartLibrary()
         }
         started.warnings.push_back("no log in " + place.dir + ": " + Narrow(OrvGetLastErrorMessage()));
     }
-    started.failure = "no directory can hold the library's log";
+    // Publishing matters more than its log: go on without one.
+    started.warnings.push_back("no directory can hold the library's log; publishing without one");
+    const unsigned short none[] = {0};
+    OrvServerAPISetLogDirectory(none);
+    if (OrvServerAPIInitialize() == ORV_RESULT_Success) {
+        started.ok = true;
+        return started;
+    }
+    started.failure = Narrow(OrvGetLastErrorMessage());
     return started;
 }
 

@@ -17,7 +17,8 @@ struct Started {
 
 // Starts the library with its log in the first usable of: $ORV_SDK_LOGDIR,
 // $XDG_STATE_HOME/orvane (default ~/.local/state/orvane, created 0700), a
-// directory of this user's alone under $TMPDIR, /tmp, /var/tmp or /dev/shm.
+// directory of this user's alone under $TMPDIR, /tmp, /var/tmp or /dev/shm;
+// without any of them, with no log file at all (a warning says so).
 Started StartLibrary();
 
 } // namespace orvpub
