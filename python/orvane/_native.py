@@ -139,10 +139,11 @@ def library() -> ctypes.CDLL:
         return _lib
 
 
-def _log_directories() -> Iterator[Optional[Path]]:
+def _log_directories() -> Iterator[Optional[str]]:
     """Where the log may go, in order: None for $ORV_SDK_LOGDIR (the library
     reads it), else $XDG_STATE_HOME/orvane (~/.local/state/orvane), then a
-    private temporary directory; never the working directory."""
+    private temporary directory, and "" (no log file) when none will do;
+    never the working directory."""
     if os.environ.get("ORV_SDK_LOGDIR"):
         yield None
         return
@@ -150,10 +151,14 @@ def _log_directories() -> Iterator[Optional[Path]]:
     directory = Path(state) / "orvane"
     try:
         directory.mkdir(mode=0o700, parents=True, exist_ok=True)
-        yield directory
+        yield str(directory)
     except OSError:
         pass
-    yield Path(tempfile.mkdtemp(prefix="orvane-log-"))
+    try:
+        yield tempfile.mkdtemp(prefix="orvane-log-")
+    except OSError:
+        pass
+    yield ""  # publishing matters more than its log
 
 
 def _on_log_line(_: Any, line: Optional[bytes]) -> None:
@@ -176,7 +181,7 @@ def start() -> ctypes.CDLL:
         if not _started:
             lib.OrvServerAPISetLogListener(_listener, None)
             for directory in _log_directories():
-                lib.OrvServerAPISetLogDirectory(None if directory is None else utf16(str(directory)))
+                lib.OrvServerAPISetLogDirectory(None if directory is None else utf16(directory))
                 code = lib.OrvServerAPIInitialize()
                 if code != _LOG_UNAVAILABLE:  # else the library stays stopped and takes another directory
                     break
