@@ -467,11 +467,6 @@ TEST_F(ExtensionTest, StatusAndReasonOfTheLastRefusal)
         long status;
         std::wstring reason;
     } rows[] = {
-        {"error document",
-         Response(409).Body("<qsResponse><error code=\"409\"><summary>Resource Conflict</summary>"
-                            "<detail>A data source named &quot;d&quot; exists.</detail></error>"
-                            "</qsResponse>"),
-         409, L"Resource Conflict: A data source named \"d\" exists."},
         {"plain text", Response(503).Body("busy, try later\n"), 503, L"busy, try later\n"},
         {"long text, bounded", Response(500).Body(std::string(10000, 'x')), 500, std::wstring(4096, L'x')},
         {"not UTF-8", Response(502).Body("bad \xFF\xC3 caf\xC3\xA9"), 502, L"bad \uFFFD\uFFFD caf\u00E9"},
