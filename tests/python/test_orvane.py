@@ -177,8 +177,6 @@ FAILURES = {
                                  orvane.TlsError, Exception, 400, 0, "ca_file="),
     "server silent": Failing(lambda srv: sign_in_at(srv.silent().getsockname()[1], stall_timeout=1), orvane.TimedOut,
                              TimeoutError, 501, 0, "The stall_timeout of 1 s ran out."),
-    "call too long": Failing(lambda srv: sign_in_at(srv.silent().getsockname()[1], total_timeout=1), orvane.TimedOut,
-                             TimeoutError, 501, 0, "The total_timeout of 1 s ran out."),
     "not the API": Failing(lambda srv: orvane.Session(srv.url + "/elsewhere", "demo", "pw"), orvane.SignInError,
                            Exception, 401, 404, "Not Found: No resource at POST /elsewhere/api/2.0/auth/signin."
                            " Check the server's address and the site."),
