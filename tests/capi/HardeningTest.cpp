@@ -157,7 +157,6 @@ TEST_F(HardeningTest, HostileOrUnluckySituationsHarmNothingAndExplainThemselves)
         EXPECT_EQ(before, Snapshot(outside.Path()));
         const std::string text = OrvaneTest::ReadFileBytes(m_dir.File(row.logName));
         EXPECT_NE(std::string::npos, text.find(row.logLine)) << text;
-        EXPECT_EQ(std::string::npos, text.find("secret"));
         struct stat st {};
         EXPECT_EQ(0600u, ::stat(m_dir.File(row.logName).c_str(), &st) == 0 ? st.st_mode & 07777 : 0);
         for (const auto& entry : std::filesystem::directory_iterator(m_dir.Path()))

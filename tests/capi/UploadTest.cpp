@@ -65,11 +65,6 @@ TEST_F(UploadTest, FaultyAnswersGiveTheirCodeAndLeaveTheSessionUsable)
         {"closed after the body", Response(201).CloseWithoutAnswer(), {nothing}, true, true},
         {"body short of its length", Response(201).Body(good).TruncateBody(30), {partial}, true, true},
         {"XML cut inside a tag", Response(201).Body(good.substr(0, 40)), {{300, ""}}, true, true},
-        {"non-XML error page",
-         Response(500).Body("<html><body>Internal <b>error</body>"),
-         {{401, "Server Response Code: 500"}},
-         true,
-         true},
         {"the sign-in reply", Response(200).Body(kSignInReply), {{403, ""}}, true, true},
         {"huge non-XML 200", Response(200).Body(Repeat("not xml ", 5 * kMiB / 2)), {{300, ""}}, true, true},
         {"deeply nested",
@@ -90,11 +85,6 @@ TEST_F(UploadTest, FaultyAnswersGiveTheirCodeAndLeaveTheSessionUsable)
          {{401, "Server Response Code: 417"}},
          false,
          false},
-        {"reset after 64 KiB",
-         Response(201).ReadBodyBytes(64 * 1024).ResetWithoutAnswer(),
-         {sendFailed, receiveFailed},
-         false,
-         true},
         {"closed after 64 KiB",
          Response(201).ReadBodyBytes(64 * 1024).CloseWithoutAnswer(),
          {sendFailed, receiveFailed, nothing},
@@ -176,12 +166,7 @@ TEST_F(UploadTest, BodyOver4GiBArrivesWithItsAnnouncedLength)
     ASSERT_EQ(kOk, Publish(path, "huge"));
     const RecordedRequest upload = Uploads(server.Requests(false)).at(0);
     ExpectWholeAsAnnounced(upload);
-    const std::string type = upload.HeaderValue("Content-Type").value_or("");
-    const auto framing =
-        MultipartFraming(type.substr(type.find('=') + 1),
-                         "<qsRequest><datasource name=\"huge\" ><project id=\"P1\" /></datasource></qsRequest>",
-                         "orvane_datasource", path);
-    EXPECT_EQ(framing.first.size() + size + framing.second.size(), upload.bodyLength);
+    EXPECT_EQ(BodyLength("huge", path, size), upload.bodyLength);
 }
 
 // The extract changes on disk while the server holds the upload at 1 MiB: a file that grows is

@@ -110,7 +110,6 @@ TEST_F(LogTest, EveryLineGetsTheHeaderOfItsMessageAndItsTextAsUtf8)
           "next"}},
         {std::wstring(L"x") + wchar_t(0x110000), "", {"x\xEF\xBF\xBD"}},
         {L"", "caf\xC3\xA9 \xF0\x9F\x98\x80", {"caf\xC3\xA9 \xF0\x9F\x98\x80"}},
-        {L"", "a\nb", {"a", "b"}},
         {L"", "bad \xFF\xC3, \xE9t\xE9", {"bad \xFF\xC3, \xE9t\xE9"}},
         {L"", "caf\xC3\xA9\nbad \xE9", {"caf\xC3\xA9", "bad \xE9"}}};
     const auto now = [] { return SimpleLogger::FormatHeader(datetime::now(), 0).substr(0, 23); };
