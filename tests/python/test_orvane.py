@@ -324,29 +324,6 @@ def test_ctrl_c_while_the_server_is_silent_cancels_the_wait(server):
     interrupter.join()
 
 
-def test_four_threads_publish_at_once(server):
-    paths = [server.extract(f"t{i}.qrx", 1 << 20) for i in range(4)]
-    in_flight = threading.Barrier(5, timeout=60)  # the four uploads and this thread
-    errors = []
-
-    def publish_one(path):
-        try:  # each upload waits mid-body until all four are under way
-            with server.session() as s:
-                s.publish(path, "Samples", progress=lambda sent, total: sent == 65536 and in_flight.wait())
-        except BaseException as e:
-            errors.append(e)
-
-    threads = [threading.Thread(target=publish_one, args=(p,)) for p in paths]
-    for t in threads:
-        t.start()
-    in_flight.wait()
-    for t in threads:
-        t.join(120)
-    assert errors == []
-    assert not any(t.is_alive() for t in threads)
-    assert server.published() == {("Samples", f"t{i}"): digest(p) for i, p in enumerate(paths)}
-
-
 def test_a_library_not_found_is_a_library_error(tmp_path):
     script = ("import orvane\n"
               "try:\n"
