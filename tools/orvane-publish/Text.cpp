@@ -1,44 +1,26 @@
 #include "Text.h"
 
+#include "sys/Errors.h"
+#include "sys/Unicode.h"
+
 #include <cstdarg>
 #include <cstdio>
-#include <unicode/ustring.h>
 
 namespace orvpub {
 
 bool ToUtf16(const std::string& in, Utf16& out)
 {
-    static_assert(sizeof(UChar) == sizeof(unsigned short), "UTF-16 units");
-    UErrorCode error = U_ZERO_ERROR;
-    int32_t length = 0;
-    u_strFromUTF8(nullptr, 0, &length, in.data(), static_cast<int32_t>(in.size()), &error);
-    if (error != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(error))
-        return false;
-    out.assign(static_cast<size_t>(length), 0);
-    error = U_ZERO_ERROR;
-    u_strFromUTF8(reinterpret_cast<UChar*>(&out[0]), length + 1, nullptr, in.data(), static_cast<int32_t>(in.size()),
-                  &error);
-    return U_SUCCESS(error);
+    try {
+        out = Unicode::ToUTF16(in).str();
+        return true;
+    } catch (const QRX_RuntimeError&) {
+        return false; // not UTF-8
+    }
 }
 
 std::string Narrow(const wchar_t* text)
 {
-    static_assert(sizeof(wchar_t) == sizeof(UChar32), "wide strings hold UTF-32");
-    if (text == nullptr)
-        return "";
-    const auto* units = reinterpret_cast<const UChar32*>(text);
-    UErrorCode error = U_ZERO_ERROR;
-    int32_t length = 0;
-    u_strFromUTF32WithSub(nullptr, 0, &length, units, -1, 0xFFFD, nullptr, &error);
-    std::u16string utf16(static_cast<size_t>(length), u'\0');
-    error = U_ZERO_ERROR;
-    u_strFromUTF32WithSub(&utf16[0], length + 1, nullptr, units, -1, 0xFFFD, nullptr, &error);
-    error = U_ZERO_ERROR;
-    u_strToUTF8(nullptr, 0, &length, utf16.data(), static_cast<int32_t>(utf16.size()), &error);
-    std::string out(static_cast<size_t>(length), '\0');
-    error = U_ZERO_ERROR;
-    u_strToUTF8(&out[0], length + 1, nullptr, utf16.data(), static_cast<int32_t>(utf16.size()), &error);
-    return U_SUCCESS(error) ? out : std::string();
+    return text != nullptr ? Unicode::ToUTF8Lossy(text) : std::string();
 }
 
 std::string WithHint(const std::string& text, const std::string& hint)
