@@ -217,8 +217,7 @@ Session::~Session()
         if (OrvServerConnectionSignOut(m_handle) == ORV_RESULT_Cancelled)
             OrvServerConnectionSignOut(m_handle);
     }
-    OrvServerConnectionDisconnect(m_handle);
-    OrvServerConnectionClose(m_handle);
+    OrvServerConnectionClose(m_handle); // disconnects whatever sign-out left connected
 }
 
 int Session::OnProgress(void* self, uint64_t sent, uint64_t total)
