@@ -1,6 +1,6 @@
 // The exported functions that save round trips, and sign-out, with the
-// conventions of OrvaneServer.cpp: argument checks first, then the handle,
-// then the session inside one handler.
+// conventions of OrvaneServer.cpp: the handle first, then the session inside
+// one handler, whose setters check their values.
 #include <orvane/OrvaneServerExt.h>
 
 #include "capi/ExportedCall.h"
@@ -18,10 +18,6 @@ ORV_RESULT OrvServerConnectionSetConnectionReuse(void* handle, int enable)
 
 ORV_RESULT OrvServerConnectionSetProjectCache(void* handle, long seconds)
 {
-    if (seconds < 0) {
-        SetLastError(L"Invalid argument 'seconds'");
-        return ORV_RESULT_InvalidArgument;
-    }
     return OnSession(handle, [&](ServerConnection& session) { session.SetProjectCache(seconds); });
 }
 

@@ -1,29 +1,11 @@
-// The session's opt-in round-trip savers (one kept-alive connection, the
-// project cache, uploads without "Expect") and sign-out.
+// Sign-out, and the project cache at work: a publish to a remembered project
+// skips the page walk. Their settings live with the others.
 #include "logging/Logger.h"
-#include "network/INetwork.h"
 #include "server/ServerConnection.h"
 #include "server/ServerException.h"
 #include "server/SignOutReqMsg.h"
 
 namespace OrvaneInternal {
-
-void ServerConnection::SetConnectionReuse(bool enable)
-{
-    m_options.m_connectionReuse = enable;
-    if (!enable)
-        m_network->CloseConnections();
-}
-
-void ServerConnection::SetProjectCache(long seconds)
-{
-    m_projectCache.SetLifetime(seconds);
-}
-
-void ServerConnection::SetExpectContinue(bool enable)
-{
-    m_options.m_expectContinue = enable;
-}
 
 void ServerConnection::SendSignOut()
 {

@@ -1,5 +1,6 @@
 // ServerConnection's settings: each value checked, then kept in the
 // session's options for the calls to come.
+#include "network/INetwork.h"
 #include "server/ServerConnection.h"
 
 #include "server/ServerException.h"
@@ -11,7 +12,8 @@ namespace OrvaneInternal {
 
 namespace {
 
-// Longest time limit: libcurl counts milliseconds in an int.
+// Longest time limit: libcurl counts milliseconds in an int. It bounds the
+// project cache too, whose expiry must not overflow the clock.
 constexpr long kLongestSeconds = 2147483;
 constexpr long kSmallestUploadBuffer = 16 * 1024; // libcurl's limits
 constexpr long kLargestUploadBuffer = 2 * 1024 * 1024;
@@ -79,6 +81,24 @@ void ServerConnection::SetRedirectPolicy(int policy)
     using Policy = SessionOptions::RedirectPolicy;
     CheckRange(policy >= static_cast<int>(Policy::Follow) && policy <= static_cast<int>(Policy::SameOrigin), L"policy");
     m_options.m_redirectPolicy = static_cast<Policy>(policy);
+}
+
+void ServerConnection::SetConnectionReuse(bool enable)
+{
+    m_options.m_connectionReuse = enable;
+    if (!enable)
+        m_network->CloseConnections();
+}
+
+void ServerConnection::SetProjectCache(long seconds)
+{
+    CheckRange(seconds >= 0 && seconds <= kLongestSeconds, L"seconds");
+    m_projectCache.SetLifetime(seconds);
+}
+
+void ServerConnection::SetExpectContinue(bool enable)
+{
+    m_options.m_expectContinue = enable;
 }
 
 void ServerConnection::SetProgressCallback(SessionOptions::ProgressCallback callback, void* userData)

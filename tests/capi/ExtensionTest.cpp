@@ -352,7 +352,7 @@ TEST_F(ExtensionTest, SettersRefuseValuesOutOfRange)
          "Invalid argument 'seconds'"},
         {"stall, LONG_MAX", [](void* h) { return OrvServerConnectionSetStallTimeout(h, LONG_MAX); }, invalid,
          "Invalid argument 'seconds'"},
-        {"reply, negative", [](void* h) { return OrvServerConnectionSetReplyTimeout(h, -5); }, invalid,
+        {"project cache, LONG_MAX", [](void* h) { return OrvServerConnectionSetProjectCache(h, LONG_MAX); }, invalid,
          "Invalid argument 'seconds'"},
         {"total, past the longest", [](void* h) { return OrvServerConnectionSetTotalTimeout(h, 2147484); }, invalid,
          "Invalid argument 'seconds'"},
