@@ -176,9 +176,8 @@ TEST_F(CppHeaderTest, MovedFromSessionIsEmpty)
     EXPECT_EQ("Invalid ServerConnection handle", error.message());
 }
 
-// The log goes where the Library was told and every line written after the
-// listener was set reaches it; a directory without a usable log fails start-up;
-// later start-ups log where they did before.
+// The log goes where the Library was told, every line after the listener was set reaches it, a
+// directory without a usable log fails start-up, and later start-ups log where they did before.
 TEST_F(CppHeaderTest, LibraryPlacesTheLogAndPassesItsLines)
 {
     const std::string directory = m_dir.File("logs");
