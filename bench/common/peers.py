@@ -16,6 +16,7 @@ PROJECTS = 10000
 UPLOAD_PROJECT = "Bench Uploads"  # on page 1
 LOOKUP_PROJECT = "Bench Target"  # on page 100
 LOOKUP_PAGES = 100
+PAYLOAD = '<qsRequest><datasource name="%s" ><project id="%s" /></datasource></qsRequest>'  # an upload's XML part
 LOG_FIELDS = ("method", "uri", "status", "content_length", "content_type", "expect", "user_agent", "accept", "auth")
 
 CONF = r"""
@@ -77,16 +78,17 @@ class Nginx:
         for _ in range(5):  # a port taken between probe and listen: try another
             with socket.socket() as s:
                 s.bind(("127.0.0.1", 0))
-                self.port = s.getsockname()[1]
+                port = s.getsockname()[1]
+            self.url = "http://127.0.0.1:%d" % port
             conf = os.path.join(self.prefix, "nginx.conf")
             with open(conf, "w") as f:
-                f.write(CONF.format(prefix=self.prefix, port=self.port, token=TOKEN, site=SITE_ID, page_size=PAGE_SIZE))
+                f.write(CONF.format(prefix=self.prefix, port=port, token=TOKEN, site=SITE_ID, page_size=PAGE_SIZE))
             argv = ["nginx", "-p", self.prefix + "/", "-c", conf, "-e", self.prefix + "/error.log"]
             self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                             stderr=subprocess.DEVNULL)
             for _ in range(100):
                 try:
-                    with socket.create_connection(("127.0.0.1", self.port), timeout=0.2):
+                    with socket.create_connection(("127.0.0.1", port), timeout=0.2):
                         return
                 except OSError:
                     if self.process.poll() is not None:
@@ -104,10 +106,6 @@ class Nginx:
             except subprocess.TimeoutExpired:
                 self.process.kill()
             self.process = None
-
-    @property
-    def url(self):
-        return "http://127.0.0.1:%d" % self.port
 
     def uploads(self):
         with open(os.path.join(self.prefix, "access.log")) as f:

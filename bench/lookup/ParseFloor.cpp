@@ -16,13 +16,6 @@
 
 using namespace OrvaneBench;
 
-namespace {
-
-void OnStart(void*, const XML_Char*, const XML_Char**) {}
-void OnEnd(void*, const XML_Char*) {}
-
-} // namespace
-
 int main(int argc, char** argv)
 {
     if (argc < 3)
@@ -40,18 +33,19 @@ int main(int argc, char** argv)
         bytes += static_cast<long>(texts.back().size());
     }
     for (int round = 0; round < rounds; ++round) {
-        const double cpu = ThreadCpuSeconds();
+        const double cpu = Seconds(CLOCK_THREAD_CPUTIME_ID);
         for (const std::string& text : texts) {
             XML_Parser parser = XML_ParserCreate(nullptr);
             if (parser == nullptr)
                 Fail("XML_ParserCreate failed");
             XML_SetUserData(parser, nullptr);
-            XML_SetElementHandler(parser, &OnStart, &OnEnd);
+            XML_SetElementHandler(
+                parser, [](void*, const XML_Char*, const XML_Char**) {}, [](void*, const XML_Char*) {});
             if (XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) != XML_STATUS_OK)
                 Fail("a page is not well-formed XML");
             XML_ParserFree(parser);
         }
-        Report("parse_cpu_s_" + std::to_string(round), ThreadCpuSeconds() - cpu);
+        Report("parse_cpu_s_" + std::to_string(round), Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu);
     }
     Report("page_bytes", bytes / pages);
     return 0;
