@@ -1,6 +1,5 @@
-// Helpers shared by the benchmark programs: clocks, /proc figures, UTF-16 for
-// the C API, and one "key=value" line per figure on stdout, which
-// bench/common/bench_driver.py collects.
+// Helpers shared by the benchmark programs: clocks, /proc figures, UTF-16 for the C API, and one "key=value" line
+// per figure on stdout, which bench/common/bench_driver.py collects.
 #pragma once
 
 #include <time.h>
@@ -29,9 +28,8 @@ inline double Seconds(clockid_t clock)
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// The number after `key` in /proc/self/`file`, -1 when there is none. Used for
-// VmHWM (status), the peak resident set of this process image (getrusage's
-// ru_maxrss would carry over the forking parent's peak), and rchar (io), the
+// The number after `key` in /proc/self/`file`, -1 when there is none. Used for VmHWM (status), the peak resident
+// set of this process image (getrusage's ru_maxrss would carry over the forking parent's peak), and rchar (io), the
 // bytes read through system calls, sockets and files alike.
 inline long ProcSelf(const char* file, const char* key)
 {

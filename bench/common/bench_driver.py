@@ -1,12 +1,9 @@
 #!/usr/bin/env python3
-"""Runs the benchmarks, each beside its reference in alternating runs, and
-prints one table of medians, min-max spreads and ratios; a full run with
---profile puts it, with the machine's description, into bench/RESULTS.md.
-Started by tools/bench.sh. A benchmark is a function below, listed in
-BENCHMARKS: it runs programs through b.alternate and adds rows with b.row. The
-nginx peer is peers.py's, the statistics and the report report.py's, the
-opt-in profile lookup_profile.py's.
-"""
+"""Runs the benchmarks, each beside its reference in alternating runs, and prints one table of medians, min-max
+spreads and ratios; a full run with --profile puts it, with the machine's description, into bench/RESULTS.md.
+Started by tools/bench.sh. A benchmark is a function below, listed in BENCHMARKS: it runs programs through
+b.alternate and adds rows with b.row. The nginx peer is peers.py's, the statistics and the report report.py's, the
+opt-in profile lookup_profile.py's."""
 
 import argparse
 import hashlib

@@ -1,7 +1,6 @@
-"""The opt-in profile of the project lookup (--profile): callgrind's
-instruction counts for the library's publish call and for the plain-libcurl
-reference, a warm round each (a 2-round run minus a 1-round run, one-time
-set-up excluded), and where a page's instructions go inside the library."""
+"""The opt-in profile of the project lookup (--profile): callgrind's instruction counts for the library's publish
+call and for the plain-libcurl reference, a warm round each (a 2-round run minus a 1-round run, one-time set-up
+excluded), and where a page's instructions go inside the library."""
 
 import os
 import re

@@ -16,6 +16,7 @@ PROJECTS = 10000
 UPLOAD_PROJECT = "Bench Uploads"  # on page 1
 LOOKUP_PROJECT = "Bench Target"  # on page 100
 LOOKUP_PAGES = 100
+NAMED = {1: UPLOAD_PROJECT, (LOOKUP_PAGES - 1) * PAGE_SIZE + 50: LOOKUP_PROJECT}  # the others: "Project 00002"...
 PAYLOAD = '<qsRequest><datasource name="%s" ><project id="%s" /></datasource></qsRequest>'  # an upload's XML part
 LOG_FIELDS = ("method", "uri", "status", "content_length", "content_type", "expect", "user_agent", "accept", "auth")
 
@@ -55,12 +56,6 @@ def project_id(index):
     return f"{d[:8]}-{d[8:12]}-{d[12:16]}-{d[16:20]}-{d[20:32]}"
 
 
-def project_name(index):
-    if index == 1:
-        return UPLOAD_PROJECT
-    return LOOKUP_PROJECT if index == (LOOKUP_PAGES - 1) * PAGE_SIZE + 50 else "Project %05d" % index
-
-
 class Nginx:
     def __init__(self, workdir):
         self.prefix = os.path.join(workdir, "nginx")
@@ -68,7 +63,7 @@ class Nginx:
         os.makedirs(self.pages)  # nginx makes its tmp/ directories itself
         for page in range(1, PROJECTS // PAGE_SIZE + 1):
             items = "".join('<project id="%s" name="%s" description="Benchmark project %d"/>'
-                            % (project_id(i), project_name(i), i)
+                            % (project_id(i), NAMED.get(i, "Project %05d" % i), i)
                             for i in range((page - 1) * PAGE_SIZE + 1, page * PAGE_SIZE + 1))
             with open(os.path.join(self.pages, "%d.xml" % page), "w") as f:
                 f.write('<?xml version="1.0" encoding="UTF-8"?>\n<qsResponse><pagination pageNumber="%d" pageSize='

@@ -1,10 +1,8 @@
-// The library's file logger beside spdlog's asynchronous logger set up the
-// same way: one writer thread, a queue the caller never waits on, the same
-// header fields (date, time with milliseconds, thread id) and lines, a flush
-// after every line. Per logger and round (the first logger alternating):
-// queue1, the callers' time for 100,000 calls from 1 thread, writer running;
-// queue8, the same calls spread over 8 threads; drain, from the first call
-// (1 thread) until every line is written and the writer joined.
+// The library's file logger beside spdlog's asynchronous logger set up the same way: one writer thread, a queue the
+// caller never waits on, the same header fields (date, time with milliseconds, thread id) and lines, a flush after
+// every line. Per logger and round (the first logger alternating): queue1, the callers' time for 100,000 calls from
+// 1 thread, writer running; queue8, the same calls spread over 8 threads; drain, from the first call (1 thread)
+// until every line is written and the writer joined.
 //
 // Usage: logging_spdlog_bench [ROUNDS]   (default 5). Prints lib_*_s_i and spdlog_*_s_i.
 #include "bench/common/BenchSupport.h"

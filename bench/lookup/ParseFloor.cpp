@@ -1,8 +1,7 @@
-// The parser's share of the project lookup: the same project pages parsed as
-// the library must parse them (a fresh expat parser per page, element
-// handlers registered, the whole page in one final XML_Parse call), with
-// handlers that do nothing and no HTTP at all. Whatever the library spends
-// per page beyond the plain GET and this, it spends in its own code.
+// The parser's share of the project lookup: the same project pages parsed as the library must parse them (a fresh
+// expat parser per page, element handlers registered, the whole page in one final XML_Parse call), with handlers
+// that do nothing and no HTTP at all. Whatever the library spends per page beyond the plain GET and this, it spends
+// in its own code.
 //
 // Usage: lookup_parse_floor PAGES-DIR PAGES [ROUNDS]   reads PAGES-DIR/1.xml ... PAGES-DIR/PAGES.xml;
 // prints parse_cpu_s_i per round (all pages) and page_bytes.

@@ -1,7 +1,6 @@
-// The reference for the project lookup: the page GETs the library makes while
-// it looks a project up (same URLs, same two header lines, a fresh easy handle
-// each) with plain libcurl, the reply bodies counted and dropped, nothing
-// parsed. Reports wall and CPU time per round of PAGES GETs.
+// The reference for the project lookup: the page GETs the library makes while it looks a project up (same URLs,
+// same two header lines, a fresh easy handle each) with plain libcurl, the reply bodies counted and dropped,
+// nothing parsed. Reports wall and CPU time per round of PAGES GETs.
 //
 // Usage: lookup_plain_curl URL-PREFIX PAGES TOKEN [ROUNDS]   (the page number is appended to URL-PREFIX)
 #include "bench/common/BenchSupport.h"
