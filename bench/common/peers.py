@@ -16,7 +16,7 @@ PROJECTS = 10000
 UPLOAD_PROJECT = "Bench Uploads"  # on page 1
 LOOKUP_PROJECT = "Bench Target"  # on page 100
 LOOKUP_PAGES = 100
-NAMED = {1: UPLOAD_PROJECT, (LOOKUP_PAGES - 1) * PAGE_SIZE + 50: LOOKUP_PROJECT}  # the others: "Project 00002"...
+NAMED = {1: UPLOAD_PROJECT, (LOOKUP_PAGES - 1) * PAGE_SIZE + 50: LOOKUP_PROJECT}  # the others: "Project %05d" % index
 PAYLOAD = '<qsRequest><datasource name="%s" ><project id="%s" /></datasource></qsRequest>'  # an upload's XML part
 LOG_FIELDS = ("method", "uri", "status", "content_length", "content_type", "expect", "user_agent", "accept", "auth")
 
