@@ -294,7 +294,7 @@ struct UploadProgress {
     std::uint64_t total = 0;
 };
 
-// One connection handle, signed in by its constructor and closed by its
+// One connection handle, signed in by its constructor, signed out and closed by its
 // destructor. Movable, not copyable; a moved-from Session throws Error with
 // ErrorCode::BadHandle from every call.
 class Session {
