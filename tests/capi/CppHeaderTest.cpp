@@ -56,6 +56,9 @@ TEST_F(CppHeaderTest, PublishesWhateverFormTheTextTakes)
         EXPECT_EQ(last.total, session.uploadProgress().sent);
     }
     orvane::Session session(server.Url(), kUser, kPassword);
+    session.connect(server.Url(), kUser, kPassword);
+    // The rows' sessions signed out as they ended, the first sign-in here as it was replaced.
+    EXPECT_EQ(1, server.Stat("sessions"));
     EXPECT_TRUE(session.hasProject("Samples"));
     EXPECT_FALSE(session.hasProject("Nowhere"));
 }
