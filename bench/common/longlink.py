@@ -2,8 +2,9 @@
 round trip of 2 x DELAY. The relay accepts TCP, charges one round trip for the connection, holds
 every chunk DELAY each way, and only then terminates TLS, so every TLS handshake pays its round
 trips; plain HTTP goes on to the reference server. It counts connections, full and resumed TLS
-handshakes and turns (a client flight that follows the server's answer: a request, or a body
-after "100 Continue"); round trips = connections + turns is what the link charges."""
+handshakes and exchanges (a client flight the server answered: a TLS hello, a request, or headers
+answered by "100 Continue"); round trips = connections + exchanges is what the link charges. A last
+flight nobody answers (the TLS close) costs the client no wait and is not counted."""
 
 import asyncio
 import os
@@ -36,7 +37,7 @@ class Relay:
         self.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self.tls.load_cert_chain(self.cert, key)
         self.upstream = upstream_port
-        self.counts = dict.fromkeys(("connections", "handshakes", "resumed", "turns"), 0)
+        self.counts = dict.fromkeys(("connections", "handshakes", "resumed", "exchanges"), 0)
         self.writers = set()
         self.loop = asyncio.new_event_loop()
         self.thread = threading.Thread(target=self.loop.run_forever, daemon=True)
@@ -80,7 +81,7 @@ class Relay:
         await self._join(client_reader, client_writer, self.upstream)
 
     async def _join(self, client_reader, client_writer, port, delay=0.0, last=None):
-        """Pipes the client to 127.0.0.1:port and back; the link's two pipes share `last` (turns, below)."""
+        """Pipes the client to 127.0.0.1:port and back; the link's two pipes share `last` (exchanges, below)."""
         reader, writer = await asyncio.open_connection("127.0.0.1", port)
         self.writers.update((client_writer, writer))
         await asyncio.gather(self._pipe(client_reader, writer, delay, last, "up"),
@@ -88,7 +89,7 @@ class Relay:
 
     async def _pipe(self, reader, writer, delay, last, direction):
         """Copies to the end, each chunk delivered `delay` after it arrived, in order; then closes. Pipes sharing
-        `last`, the direction of the last chunk, count a chunk up after one down as a turn."""
+        `last`, the direction of the last chunk, count a chunk down after one up as an exchange."""
         last = last or [direction]
         held = asyncio.Queue()
 
@@ -101,8 +102,8 @@ class Relay:
         sender = asyncio.ensure_future(deliver())
         try:
             while data := await reader.read(CHUNK):
-                if direction == "up" and last[0] == "down":
-                    self.counts["turns"] += 1
+                if direction == "down" and last[0] == "up":
+                    self.counts["exchanges"] += 1
                 last[0] = direction
                 held.put_nowait((self.loop.time() + delay, data))
         except OSError:
