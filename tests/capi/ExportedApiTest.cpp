@@ -88,7 +88,10 @@ TEST_F(ExportedApiTest, NullArgumentsAreNamedInOrderBeforeTheHandleAndBadHandles
     ExpectCalls(calls);
     EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionDisconnect(other.Handle())); // closing one left the other
     std::string elsewhere;                                                        // the last error is kept per thread
-    std::thread([&] { elsewhere = (OrvServerConnectionDisconnect(nullptr), LastError()); }).join();
+    std::thread([&] {
+        OrvServerConnectionDisconnect(nullptr);
+        elsewhere = LastError();
+    }).join();
     EXPECT_EQ("Invalid ServerConnection handle Unknown error", elsewhere + " " + LastError());
 }
 
@@ -151,8 +154,10 @@ TEST_F(ExportedApiTest, ForkedChildEndsNormally)
         std::exit(0);
     int status = -1;
     const bool ended = WaitUntil([&] { return waitpid(child, &status, WNOHANG) == child; });
-    if (!ended)
-        kill(child, SIGKILL), waitpid(child, &status, 0);
+    if (!ended) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
     EXPECT_TRUE(ended && WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << (ended ? "wait status " : "hung, killed; ") << status;
 }

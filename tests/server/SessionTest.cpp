@@ -123,7 +123,9 @@ class SessionTest : public ::testing::Test {
         auto session = std::make_unique<ServerConnection>();
         Reply(200, SigninReply());
         session->Connect(L"http://srv", L"alice", L"pw", L"");
-        return Sent(), Log(), std::move(session);
+        Sent();
+        Log();
+        return session;
     }
 
     std::shared_ptr<FakeNetwork> m_net = std::make_shared<FakeNetwork>();
