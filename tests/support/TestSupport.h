@@ -89,11 +89,11 @@ template <class Read> std::string ReadInOddChunks(Read read)
     return out;
 }
 
-// A fresh directory under $TMPDIR or /tmp, removed with its contents unless ORV_KEEP_TEST_FILES is set.
+// A fresh directory under `parent`, $TMPDIR or /tmp, removed with its contents unless ORV_KEEP_TEST_FILES is set.
 class TempDirectory {
   public:
-    explicit TempDirectory(const std::string& prefix)
-        : m_path(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/" + prefix + "-XXXXXX")
+    explicit TempDirectory(const std::string& prefix, const char* parent = std::getenv("TMPDIR"))
+        : m_path(std::string(parent ? parent : "/tmp") + "/" + prefix + "-XXXXXX")
     {
         if (mkdtemp(m_path.data()) == nullptr)
             throw std::runtime_error("mkdtemp " + m_path);
@@ -163,15 +163,18 @@ class ChildProcess {
     int m_status = 0;
 };
 
-// Starts a peer that writes its port to dir/port once it listens ("{base}" in a Location is its own URL).
+// Starts a Python peer, script argv[0], that writes its port to dir/port once it listens ("{base}" in a Location
+// is its own URL). The peers need the standard library only: without site packages they start sooner.
 inline unsigned short StartPeer(std::unique_ptr<ChildProcess>& process, const TempDirectory& dir,
                                 const std::vector<std::string>& argv)
 {
-    process = std::make_unique<ChildProcess>(argv, dir.File("output"));
+    std::vector<std::string> command{ORV_PYTHON, "-S"};
+    command.insert(command.end(), argv.begin(), argv.end());
+    process = std::make_unique<ChildProcess>(command, dir.File("output"));
     if (!WaitUntil([&] { return !ReadFileBytes(dir.File("port")).empty() || !process->Running(); },
                    std::chrono::seconds(20)) ||
         !process->Running())
-        throw std::runtime_error(argv[1] + " did not start: " + ReadFileBytes(dir.File("output")));
+        throw std::runtime_error(argv[0] + " did not start: " + ReadFileBytes(dir.File("output")));
     return static_cast<unsigned short>(std::stoul(ReadFileBytes(dir.File("port"))));
 }
 
@@ -315,8 +318,8 @@ class TestHttpServer {
     {
         WriteFileBytes(m_dir.File("script.json"), script.ToJson());
         m_port = StartPeer(m_process, m_dir,
-                           {ORV_PYTHON, ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(),
-                            m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0"});
+                           {ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(), m_tls ? ORV_OPENSSL : "",
+                            options.storeBodies ? "1" : "0"});
     }
     unsigned short Port() const { return m_port; }
     std::string BaseUrl() const
@@ -469,11 +472,15 @@ class ReferenceServer {
         : m_dir("orv-reference")
     {
         WriteFileBytes(m_dir.File("config.json"), configJson);
-        std::vector<std::string> argv{ORV_PYTHON,    ORV_SOURCE_DIR "/tools/orvane-reference-server",
-                                      "--host",      "127.0.0.1",
-                                      "--port",      "0",
-                                      "--port-file", m_dir.File("port"),
-                                      "--data-dir",  m_dir.File("data"),
+        std::vector<std::string> argv{ORV_SOURCE_DIR "/tools/orvane-reference-server",
+                                      "--host",
+                                      "127.0.0.1",
+                                      "--port",
+                                      "0",
+                                      "--port-file",
+                                      m_dir.File("port"),
+                                      "--data-dir",
+                                      m_dir.File("data"),
                                       "--quiet"};
         if (!configJson.empty())
             argv.insert(argv.end(), {"--config", m_dir.File("config.json")});
