@@ -56,6 +56,8 @@ class OrvanePublishTest(unittest.TestCase):
         cls.addClassCleanup(cls.server.wait, 10)
         cls.addClassCleanup(cls.server.terminate)
         cls.url = wait_for_port(cls.server, port_file)
+        cls.pool = concurrent.futures.ThreadPoolExecutor(16)  # for runs at once, whose waits on limits overlap
+        cls.addClassCleanup(cls.pool.shutdown)
         # The installed binary must find the installed library by itself.
         cls.env = {k: v for k, v in os.environ.items() if k.lower() not in (
             "http_proxy", "https_proxy", "all_proxy", "orvane_password", "ld_library_path")}
@@ -74,12 +76,6 @@ class OrvanePublishTest(unittest.TestCase):
         return subprocess.run([*user, self.tool, *args], env=env, input=stdin, stdout=stdout, stderr=subprocess.PIPE,
                               text=True, stdin=None if stdin else subprocess.DEVNULL, timeout=60,
                               start_new_session=True, cwd=cwd)
-
-    def start_tool(self, *args, **options):
-        """run_tool on a thread of its own: the future of its result, so that runs that wait on limits overlap."""
-        thread = concurrent.futures.ThreadPoolExecutor(1)
-        self.addCleanup(thread.shutdown)
-        return thread.submit(self.run_tool, *args, **options)
 
     def spawn(self, args, stderr):
         proc = subprocess.Popen([self.tool, "-u", "demo", "-p", "Samples", *args], stdin=subprocess.DEVNULL,
@@ -212,12 +208,12 @@ class OrvanePublishTest(unittest.TestCase):
                 ("502, no retry", [{"status": 502}], [], 7, "uncertain", ["may or may not be published"]),
                 ("502, then a conflict", [{"status": 502}, {"status": 409}], ["--retry", "1"], 7, "uncertain",
                  ["sending it again in 1 s (retry 1 of 1)", "(HTTP 409)", "may or may not be published"]),
-                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0,
-                 "published",
+                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0, "published",
                  ["sending it again in 1 s (retry 1 of 1)"])):
             upload = {"path": UPLOAD_PATH, "method": "POST", "responses": answers}
             url, folder = self.scripted(SIGN_IN, PROJECTS, upload)
-            future = self.start_tool("-s", url, "-u", "demo", "-p", "Sales", "-q", "--json", *args, extract)
+            future = self.pool.submit(self.run_tool, "-s", url, "-u", "demo", "-p", "Sales", "-q", "--json", *args,
+                                      extract)
             running.append((name, answers, status, result_name, texts, folder, future))
         for name, answers, status, result_name, texts, folder, future in running:
             with self.subTest(name):
@@ -263,9 +259,9 @@ class OrvanePublishTest(unittest.TestCase):
                 (self.url, ["--password-stdin", "-n", "via-stdin"], None, 0, None, [])):
             # Each logs in a folder of its own: a second process at once would log to a numbered sibling of the file.
             logs = tempfile.mkdtemp(dir=self.dir)
-            future = self.start_tool("-s", server, "-u", "demo", "-p", "Samples", "--json", *args, good,
-                                     env=dict(self.env, ORV_SDK_LOGDIR=logs), password=password,
-                                     stdin=None if password else "demo-password\n")
+            future = self.pool.submit(self.run_tool, "-s", server, "-u", "demo", "-p", "Samples", "--json", *args, good,
+                                      env=dict(self.env, ORV_SDK_LOGDIR=logs), password=password,
+                                      stdin=None if password else "demo-password\n")
             running.append((server, args, status, error, texts, logs, future))
         for server, args, status, error, texts, logs, future in running:
             with self.subTest(server=server, args=args):

@@ -167,18 +167,18 @@ class ChildProcess {
     int m_status = 0;
 };
 
-// Starts a Python peer, script argv[0], that writes its port to dir/port once it listens ("{base}" in a Location
-// is its own URL). The peers need the standard library only: without site packages they start sooner.
+// Starts a Python peer that writes its port to dir/port once it listens ("{base}" in a Location is its own URL).
+// The peers need the standard library only: without site packages they start sooner.
 inline unsigned short StartPeer(std::unique_ptr<ChildProcess>& process, const TempDirectory& dir,
-                                const std::vector<std::string>& argv)
+                                const std::string& script, const std::vector<std::string>& arguments)
 {
-    std::vector<std::string> command{ORV_PYTHON, "-S"};
-    command.insert(command.end(), argv.begin(), argv.end());
-    process = std::make_unique<ChildProcess>(command, dir.File("output"));
+    std::vector<std::string> argv{ORV_PYTHON, "-S", script};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    process = std::make_unique<ChildProcess>(argv, dir.File("output"));
     if (!WaitUntil([&] { return !ReadFileBytes(dir.File("port")).empty() || !process->Running(); },
                    std::chrono::seconds(20)) ||
         !process->Running())
-        throw std::runtime_error(argv[0] + " did not start: " + ReadFileBytes(dir.File("output")));
+        throw std::runtime_error(script + " did not start: " + ReadFileBytes(dir.File("output")));
     return static_cast<unsigned short>(std::stoul(ReadFileBytes(dir.File("port"))));
 }
 
@@ -226,16 +226,13 @@ class Response {
     // escapes are found and appended whole: a loop over bodies of many MiB takes seconds under the sanitizers.
     static std::string Json(const std::string& bytes)
     {
-        static const std::string escapedBytes = [] { // and NUL, at which strcspn stops as well
-            std::string set = "\"\\";
-            for (char c = 1; c < 0x20; ++c)
-                set += c;
-            return set;
-        }();
+        // Every control byte but NUL, at which strcspn stops as well.
+        static const char escapedBytes[] = "\"\\\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\x11"
+                                           "\x12\x13\x14\x15\x16\x17\x18\x19\x1a\x1b\x1c\x1d\x1e\x1f";
         std::string out = "\"";
         char escaped[8];
         for (std::size_t at = 0;;) {
-            const std::size_t run = strcspn(bytes.c_str() + at, escapedBytes.c_str());
+            const std::size_t run = strcspn(bytes.c_str() + at, escapedBytes);
             out.append(bytes, at, run);
             at += run;
             if (at == bytes.size())
@@ -328,9 +325,8 @@ class TestHttpServer {
         : m_dir("orv-http"), m_tls(options.tls)
     {
         WriteFileBytes(m_dir.File("script.json"), script.ToJson());
-        m_port = StartPeer(m_process, m_dir,
-                           {ORV_SOURCE_DIR "/tests/support/http_test_server.py", m_dir.Path(), m_tls ? ORV_OPENSSL : "",
-                            options.storeBodies ? "1" : "0"});
+        m_port = StartPeer(m_process, m_dir, ORV_SOURCE_DIR "/tests/support/http_test_server.py",
+                           {m_dir.Path(), m_tls ? ORV_OPENSSL : "", options.storeBodies ? "1" : "0"});
     }
     unsigned short Port() const { return m_port; }
     std::string BaseUrl() const
@@ -482,20 +478,12 @@ class ReferenceServer {
         : m_dir("orv-reference")
     {
         WriteFileBytes(m_dir.File("config.json"), configJson);
-        std::vector<std::string> argv{ORV_SOURCE_DIR "/tools/orvane-reference-server",
-                                      "--host",
-                                      "127.0.0.1",
-                                      "--port",
-                                      "0",
-                                      "--port-file",
-                                      m_dir.File("port"),
-                                      "--data-dir",
-                                      m_dir.File("data"),
-                                      "--quiet"};
+        std::vector<std::string> argv{"--host=127.0.0.1", "--port=0", "--port-file=" + m_dir.File("port"),
+                                      "--data-dir=" + m_dir.File("data"), "--quiet"};
         if (!configJson.empty())
             argv.insert(argv.end(), {"--config", m_dir.File("config.json")});
         argv.insert(argv.end(), options.begin(), options.end());
-        m_port = StartPeer(m_process, m_dir, argv);
+        m_port = StartPeer(m_process, m_dir, ORV_SOURCE_DIR "/tools/orvane-reference-server", argv);
     }
     std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
     // The server's counters from GET /__stats: sessions, requests, connections, open (-1: no answer).
