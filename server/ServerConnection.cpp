@@ -306,6 +306,9 @@ void ServerConnection::PublishExtractInternal(const std::wstring& path, const st
 
 void ServerConnection::SignOut()
 {
+    // A cancel made between calls was aimed at the work, not at the cleanup
+    // that follows it; one made during the sign-out still stops it.
+    m_cancel.store(false);
     RunCall([&] { SendSignOut(); });
 }
 

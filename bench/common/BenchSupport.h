@@ -1,6 +1,5 @@
-// Helpers shared by the benchmark programs: clocks, /proc figures, UTF-16 for
-// the C API, and one "key=value" line per figure on stdout, which
-// bench/common/bench_driver.py collects.
+// Helpers shared by the benchmark programs: clocks, /proc figures, UTF-16 for the C API, and one "key=value" line
+// per figure on stdout, which bench/common/bench_driver.py collects.
 #pragma once
 
 #include <time.h>
@@ -20,6 +19,8 @@ inline Utf16 ToUtf16(const std::string& ascii)
     return Utf16(ascii.begin(), ascii.end());
 }
 
+// CLOCK_MONOTONIC for wall time; CLOCK_PROCESS_CPUTIME_ID counts every thread of the process, the
+// library's log writer included; CLOCK_THREAD_CPUTIME_ID the calling thread alone.
 inline double Seconds(clockid_t clock)
 {
     timespec now{};
@@ -27,23 +28,8 @@ inline double Seconds(clockid_t clock)
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-inline double WallSeconds()
-{
-    return Seconds(CLOCK_MONOTONIC);
-}
-// Every thread of the process, the library's log writer included.
-inline double ProcessCpuSeconds()
-{
-    return Seconds(CLOCK_PROCESS_CPUTIME_ID);
-}
-inline double ThreadCpuSeconds()
-{
-    return Seconds(CLOCK_THREAD_CPUTIME_ID);
-}
-
-// The number after `key` in /proc/self/`file`, -1 when there is none. Used for
-// VmHWM (status), the peak resident set of this process image (getrusage's
-// ru_maxrss would carry over the forking parent's peak), and rchar (io), the
+// The number after `key` in /proc/self/`file`, -1 when there is none. Used for VmHWM (status), the peak resident
+// set of this process image (getrusage's ru_maxrss would carry over the forking parent's peak), and rchar (io), the
 // bytes read through system calls, sockets and files alike.
 inline long ProcSelf(const char* file, const char* key)
 {
@@ -59,13 +45,10 @@ inline long ProcSelf(const char* file, const char* key)
     return value;
 }
 
+// 15 significant digits: byte counts print exactly.
 inline void Report(const std::string& key, double value)
 {
-    std::printf("%s=%.9g\n", key.c_str(), value);
-}
-inline void Report(const std::string& key, long value)
-{
-    std::printf("%s=%ld\n", key.c_str(), value);
+    std::printf("%s=%.15g\n", key.c_str(), value);
 }
 
 [[noreturn]] inline void Fail(const std::string& what)

@@ -1,12 +1,9 @@
 #!/usr/bin/env python3
-"""Runs the benchmarks, each beside its reference in alternating runs, and
-prints one table of medians, min-max spreads and ratios; a full run with
---profile puts it, with the machine's description, into bench/RESULTS.md.
-Started by tools/bench.sh. A benchmark is a function below, listed in
-BENCHMARKS: it runs programs through b.alternate and adds rows with b.row. The
-nginx peer is peers.py's, the statistics and the report report.py's, the
-opt-in profile lookup_profile.py's.
-"""
+"""Runs the benchmarks, each beside its reference in alternating runs, and prints one table of medians, min-max
+spreads and ratios; a full run with --profile puts it, with the machine's description, into bench/RESULTS.md.
+Started by tools/bench.sh. A benchmark is a function below, listed in BENCHMARKS: it runs programs through
+b.alternate and adds rows with b.row. The nginx peer is peers.py's, the statistics and the report report.py's, the
+opt-in profile lookup_profile.py's."""
 
 import argparse
 import hashlib
@@ -59,11 +56,11 @@ class Bench:
     def exe(self, name):
         return os.path.join(self.build, "bench", name)
 
-    def run(self, argv, timeout=600):
+    def run(self, argv, timeout=600, env=None):
         """Runs argv to its end: its key=value figures, its output, wall time and CPU time. (Peak memory
         comes from the programs' own VmHWM: Linux carries a forking parent's peak over into ru_maxrss.)"""
         before, start = resource.getrusage(resource.RUSAGE_CHILDREN), time.monotonic()
-        done = subprocess.run(argv, env=self.env, capture_output=True, text=True, timeout=timeout)
+        done = subprocess.run(argv, env=env or self.env, capture_output=True, text=True, timeout=timeout)
         wall, after = time.monotonic() - start, resource.getrusage(resource.RUSAGE_CHILDREN)
         if done.returncode != 0:
             raise RuntimeError("%s failed (%d):\n%s%s" % (" ".join(argv), done.returncode, done.stdout, done.stderr))
@@ -71,8 +68,8 @@ class Bench:
         return {"values": {k: float(v) for k, v in values.items()}, "out": done.stdout, "wall": wall,
                 "cpu": after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime}
 
-    def publish(self, path, project=peers.UPLOAD_PROJECT, rounds=1, mode="plain"):
-        return self.run([self.exe("publish_bench"), self.nginx.url, project, path, str(rounds), mode])["values"]
+    def publish(self, path, mode="plain"):
+        return self.run([self.exe("publish_bench"), self.nginx.url, peers.UPLOAD_PROJECT, path, "1", mode])["values"]
 
     def publish_checked(self, path, size, body_size=None):
         """One publish into the page-1 project, checked in nginx's log: its figures and the log entry."""
@@ -108,11 +105,7 @@ class Bench:
 def upload(b):
     sizes = [("8 MiB", 8 * MiB), ("64 MiB", 64 * MiB)] if b.args.quick else [("64 MiB", 64 * MiB), ("1 GiB", GiB)]
     for label, size in sizes:
-        extract = b.file("upload.qrx", size)
-        # A first publish warms the cache and shows in nginx's log the boundary the library drew.
-        seen = b.publish_checked(extract, size)[1]
-        body = curl_body(b, extract, seen)
-        body_size = os.path.getsize(body)
+        extract, seen, body, body_size = prepared(b, "upload.qrx", size)
         runs = b.alternate(lib=lambda: b.publish_checked(extract, size, body_size)[0],
                            curl=lambda: curl_upload(b, body, seen, body_size),
                            copy=lambda: b.run([b.exe("loopback_copy"), body])["values"]["copy_wall_s"])
@@ -136,11 +129,13 @@ def upload(b):
         os.unlink(extract)
 
 
-def curl_body(b, extract, seen):
-    """The library's multipart body byte for byte, its boundary taken from nginx's log."""
+def prepared(b, name, size):
+    """An extract of `size` bytes, published once (warming the cache, showing in nginx's log the boundary the
+    library drew), and the library's multipart body byte for byte for curl: (extract, log entry, body, its size)."""
+    extract = b.file(name, size)
+    seen = b.publish_checked(extract, size)[1]
     boundary = seen["content_type"].split("boundary=", 1)[1]
-    xml = '<qsRequest><datasource name="bench-extract" ><project id="%s" /></datasource></qsRequest>' \
-        % peers.project_id(1)
+    xml = peers.PAYLOAD % ("bench-extract", peers.project_id(1))
     body = os.path.join(b.workdir, "body.bin")
     with open(body, "wb") as out, open(extract, "rb") as src:
         out.write(('--%s\r\nContent-Disposition: form-data; name="request_payload"\r\n\r\n%s\r\n--%s\r\n'
@@ -148,9 +143,10 @@ def curl_body(b, extract, seen):
                    'Content-Type: application/octet-stream\r\n\r\n' % (boundary, xml, boundary, extract)).encode())
         shutil.copyfileobj(src, out, 8 * MiB)
         out.write(("\r\n--%s--\r\n" % boundary).encode())
-    if os.path.getsize(body) != int(seen["content_length"]):
-        raise RuntimeError("curl's body is %d bytes, the library sent %s" % (os.path.getsize(body), seen))
-    return body
+    body_size = os.path.getsize(body)
+    if body_size != int(seen["content_length"]):
+        raise RuntimeError("curl's body is %d bytes, the library sent %s" % (body_size, seen))
+    return extract, seen, body, body_size
 
 
 def curl_upload(b, body, seen, body_size):
@@ -171,11 +167,8 @@ def curl_upload(b, body, seen, body_size):
 def extension(b):
     """The extension API's cost: progress and limits set against none; a 512 KiB upload buffer against curl."""
     label, size = ("64 MiB", 64 * MiB) if b.args.quick else ("1 GiB", GiB)
-    extract = b.file("extension.qrx", size)
-    seen = b.publish_checked(extract, size)[1]
-    body = curl_body(b, extract, seen)
-    n = os.path.getsize(body)
-    runs = b.alternate(**{m: (lambda m=m: b.publish(extract, mode=m)["publish_wall_s_0"])
+    extract, seen, body, n = prepared(b, "extension.qrx", size)
+    runs = b.alternate(**{m: (lambda m=m: b.publish(extract, m)["publish_wall_s_0"])
                           for m in ("plain", "limits", "buffer512k")}, curl=lambda: curl_upload(b, body, seen, n)[0])
     limits, plain, buffer, curl = [stats(runs["limits"], 1e3), stats(runs["plain"], 1e3)] + \
         [stats([n / t / MiB for t in runs[k]]) for k in ("buffer512k", "curl")]
@@ -183,7 +176,8 @@ def extension(b):
           "publish with no extension call", "<= 1.02", limits["median"] / plain["median"] <= 1.02)
     b.row("Extension", f"512 KiB upload buffer, throughput {label}", "MiB/s", buffer, curl, "against the curl tool "
           "(its default buffer)", ">= 1.3", buffer["median"] / curl["median"] >= 1.3)
-    os.unlink(body), os.unlink(extract)
+    os.unlink(body)
+    os.unlink(extract)
 
 
 def memory(b):
@@ -208,10 +202,11 @@ def memory(b):
 def lookup(b):
     extract = b.file("lookup.qrx", 4096)
     prefix = b.nginx.url + "/api/2.0/sites/%s/projects?pageSize=%d&pageNumber=" % (peers.SITE_ID, peers.PAGE_SIZE)
-    pages, n = str(peers.LOOKUP_PAGES), str(LOOKUP_ROUNDS)
-    runs = b.alternate(lib=lambda: b.publish(extract, peers.LOOKUP_PROJECT, LOOKUP_ROUNDS),
-                       ref=lambda: b.run([b.exe("lookup_plain_curl"), prefix, pages, peers.TOKEN, n])["values"],
-                       parse=lambda: b.run([b.exe("lookup_parse_floor"), b.nginx.pages, pages, n])["values"])
+    pages = str(peers.LOOKUP_PAGES)
+    argv = {"lib": lambda n: [b.exe("publish_bench"), b.nginx.url, peers.LOOKUP_PROJECT, extract, str(n), "plain"],
+            "ref": lambda n: [b.exe("lookup_plain_curl"), prefix, pages, peers.TOKEN, str(n)],
+            "parse": lambda n: [b.exe("lookup_parse_floor"), b.nginx.pages, pages, str(n)]}
+    runs = b.alternate(**{who: (lambda who=who: b.run(argv[who](LOOKUP_ROUNDS))["values"]) for who in argv})
 
     def each(side, key):  # every round but each process's first, cold one
         return [v[f"{key}_{i}"] for v in runs[side] for i in range(1, LOOKUP_ROUNDS)]
@@ -231,7 +226,7 @@ def lookup(b):
     b.row("Lookup", "wall per page", "us", stats(each("lib", "publish_wall_s"), per_page),
           stats(each("ref", "gets_wall_s"), per_page))
     if b.args.profile:
-        lookup_profile.run(b, extract, prefix)
+        lookup_profile.run(b, argv)
 
 
 def logging(b):

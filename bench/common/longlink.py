@@ -2,8 +2,9 @@
 round trip of 2 x DELAY. The relay accepts TCP, charges one round trip for the connection, holds
 every chunk DELAY each way, and only then terminates TLS, so every TLS handshake pays its round
 trips; plain HTTP goes on to the reference server. It counts connections, full and resumed TLS
-handshakes and turns (a client flight that follows the server's answer: a request, or a body
-after "100 Continue"); round trips = connections + turns is what the link charges."""
+handshakes and exchanges (a client flight the server answered: a TLS hello, a request, or headers
+answered by "100 Continue"); round trips = connections + exchanges is what the link charges. A last
+flight nobody answers (the TLS close) costs the client no wait and is not counted."""
 
 import asyncio
 import os
@@ -14,6 +15,7 @@ import threading
 import time
 import urllib.request
 
+import peers
 import report
 
 DELAY = 0.025
@@ -27,37 +29,32 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 
 
 class Relay:
-    def __init__(self, workdir, upstream_port, delay=DELAY):
+    def __init__(self, workdir, upstream_port):
         self.cert, key = os.path.join(workdir, "relay-cert.pem"), os.path.join(workdir, "relay-key.pem")
         subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
                         "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
                         "-keyout", key, "-out", self.cert], check=True, capture_output=True, timeout=30)
         self.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self.tls.load_cert_chain(self.cert, key)
-        self.upstream, self.delay = upstream_port, delay
-        self.counts = dict.fromkeys(("connections", "handshakes", "resumed", "turns"), 0)
+        self.upstream = upstream_port
+        self.counts = dict.fromkeys(("connections", "handshakes", "resumed", "exchanges"), 0)
         self.writers = set()
         self.loop = asyncio.new_event_loop()
         self.thread = threading.Thread(target=self.loop.run_forever, daemon=True)
         self.thread.start()
-        self.port = asyncio.run_coroutine_threadsafe(self._listen(), self.loop).result(10)
+        self.url = "https://127.0.0.1:%d" % asyncio.run_coroutine_threadsafe(self._listen(), self.loop).result(10)
 
     async def _listen(self):
         self.servers = [await asyncio.start_server(self._terminate, "127.0.0.1", 0, ssl=self.tls),
                         await asyncio.start_server(self._link, "127.0.0.1", 0)]
         return self.servers[1].sockets[0].getsockname()[1]
 
-    @property
-    def url(self):
-        return "https://127.0.0.1:%d" % self.port
-
     def take_counts(self):
         """The counts since the last call, then zero."""
         return asyncio.run_coroutine_threadsafe(self._take(), self.loop).result(10)
 
     async def _take(self):
-        counts = dict(self.counts)
-        self.counts.update(dict.fromkeys(counts, 0))
+        counts, self.counts = self.counts, dict.fromkeys(self.counts, 0)
         return counts
 
     def stop(self):
@@ -75,23 +72,25 @@ class Relay:
 
     async def _link(self, client_reader, client_writer):
         self.counts["connections"] += 1
-        await asyncio.sleep(2 * self.delay)  # SYN, SYN-ACK
-        tls_port = self.servers[0].sockets[0].getsockname()[1]
-        reader, writer = await asyncio.open_connection("127.0.0.1", tls_port)
-        self.writers.update((client_writer, writer))
-        last = ["down"]
-        await asyncio.gather(self._pipe(client_reader, writer, self.delay, last, "up"),
-                             self._pipe(reader, client_writer, self.delay, last, "down"))
+        await asyncio.sleep(2 * DELAY)  # SYN, SYN-ACK
+        await self._join(client_reader, client_writer, self.servers[0].sockets[0].getsockname()[1], DELAY, ["down"])
 
     async def _terminate(self, client_reader, client_writer):
         reused = client_writer.get_extra_info("ssl_object").session_reused
         self.counts["resumed" if reused else "handshakes"] += 1
-        reader, writer = await asyncio.open_connection("127.0.0.1", self.upstream)
-        self.writers.update((client_writer, writer))
-        await asyncio.gather(self._pipe(client_reader, writer), self._pipe(reader, client_writer))
+        await self._join(client_reader, client_writer, self.upstream)
 
-    async def _pipe(self, reader, writer, delay=0.0, last=None, direction=""):
-        """Copies to the end, each chunk delivered `delay` after it arrived, in order; then closes."""
+    async def _join(self, client_reader, client_writer, port, delay=0.0, last=None):
+        """Pipes the client to 127.0.0.1:port and back; the link's two pipes share `last` (exchanges, below)."""
+        reader, writer = await asyncio.open_connection("127.0.0.1", port)
+        self.writers.update((client_writer, writer))
+        await asyncio.gather(self._pipe(client_reader, writer, delay, last, "up"),
+                             self._pipe(reader, client_writer, delay, last, "down"))
+
+    async def _pipe(self, reader, writer, delay, last, direction):
+        """Copies to the end, each chunk delivered `delay` after it arrived, in order; then closes. Pipes sharing
+        `last`, the direction of the last chunk, count a chunk down after one up as an exchange."""
+        last = last or [direction]
         held = asyncio.Queue()
 
         async def deliver():
@@ -103,10 +102,9 @@ class Relay:
         sender = asyncio.ensure_future(deliver())
         try:
             while data := await reader.read(CHUNK):
-                if last is not None and direction == "up" and last[0] == "down":
-                    self.counts["turns"] += 1
-                if last is not None:
-                    last[0] = direction
+                if direction == "down" and last[0] == "up":
+                    self.counts["exchanges"] += 1
+                last[0] = direction
                 held.put_nowait((self.loop.time() + delay, data))
         except OSError:
             pass
@@ -156,10 +154,9 @@ def curl_argv(relay, auth, site, project, files, expect):
             relay.url + "/api/2.0/auth/signin"]
     for page in (1, 2, 3):
         argv += ["--next", *common, base + "/projects?pageSize=100&pageNumber=%d" % page]
-    payload = '<qsRequest><datasource name="%s" ><project id="%s" /></datasource></qsRequest>'
     for path in files:
         stem = os.path.basename(path)[:-4]
-        argv += ["--next", *common, "--form-string", "request_payload=" + payload % (stem, project),
+        argv += ["--next", *common, "--form-string", "request_payload=" + peers.PAYLOAD % (stem, project),
                  "-F", "orvane_datasource=@%s;type=application/octet-stream" % path,
                  base + "/datasources?overwrite=true"]
     return argv + ["--next", *common, "-X", "POST", relay.url + "/api/2.0/auth/signout"]
@@ -185,15 +182,10 @@ def longlink(b):
         env = dict(b.env, ORVANE_PASSWORD=PASSWORD, ORVANE_LIBRARY=os.path.join(b.build, "libOrvaneServer.so"),
                    PYTHONPATH=os.path.join(ROOT, "python"))
 
-        def timed(argv):
+        def timed(argv):  # the Python side times its own session, its interpreter's start-up left out
             relay.take_counts()
-            start = time.monotonic()
-            done = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=300)
-            wall = time.monotonic() - start
-            if done.returncode != 0:
-                raise RuntimeError("%s failed (%d): %s" % (argv[0], done.returncode, done.stderr[-2000:]))
-            inner = [float(line[7:]) for line in done.stdout.splitlines() if line.startswith("wall_s=")]
-            return dict(relay.take_counts(), wall=inner[0] if inner else wall)
+            done = b.run(argv, timeout=300, env=env)
+            return dict(relay.take_counts(), wall=done["values"].get("wall_s", done["wall"]))
 
         for count in (1, FILES):
             chosen = files[:count]
@@ -209,7 +201,7 @@ def longlink(b):
             for name, results in runs.items():
                 wall = report.stats([r["wall"] for r in results])
                 counts = "; ".join("%s %s" % (k, "-".join("%g" % v for v in sorted({min(got), max(got)})))
-                                   for k in ("connections", "handshakes", "resumed", "turns")
+                                   for k in relay.counts
                                    for got in [[r[k] for r in results]])
                 target, met = "", None
                 if name == "cli":  # the limits the work was set: 1.3 x 0.35 s and 1.3 x 1.5 s

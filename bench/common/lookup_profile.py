@@ -1,7 +1,6 @@
-"""The opt-in profile of the project lookup (--profile): callgrind's
-instruction counts for the library's publish call and for the plain-libcurl
-reference, a warm round each (a 2-round run minus a 1-round run, one-time
-set-up excluded), and where a page's instructions go inside the library."""
+"""The opt-in profile of the project lookup (--profile): callgrind's instruction counts for the library's publish
+call and for the plain-libcurl reference, a warm round each (a 2-round run minus a 1-round run, one-time set-up
+excluded), and where a page's instructions go inside the library."""
 
 import os
 import re
@@ -30,14 +29,13 @@ def inclusive(out):
     return lambda symbol: max([c for c, name in costs if symbol in name] or [0])
 
 
-def run(b, extract, prefix):
+def run(b, argv):
+    """argv: who -> the argument vector of a run of n rounds, as the lookup benchmark runs it."""
     outdir = b.args.profile_dir or b.workdir
     os.makedirs(outdir, exist_ok=True)
-    argv = {"lib": lambda n: [b.exe("publish_bench"), b.nginx.url, peers.LOOKUP_PROJECT, extract, str(n)],
-            "ref": lambda n: [b.exe("lookup_plain_curl"), prefix, str(peers.LOOKUP_PAGES), peers.TOKEN, str(n)]}
     toggle = {"lib": "OrvServerConnectionPublishExtract", "ref": "RunPages*"}
     ir = {}
-    for who in argv:
+    for who in toggle:
         one, two = (callgrind(b, argv[who](n), os.path.join(outdir, f"callgrind.lookup-{who}-{n}"), toggle[who])
                     for n in (1, 2))
         ir[who] = [(two - one) / peers.LOOKUP_PAGES / 1e3]

@@ -16,6 +16,8 @@ PROJECTS = 10000
 UPLOAD_PROJECT = "Bench Uploads"  # on page 1
 LOOKUP_PROJECT = "Bench Target"  # on page 100
 LOOKUP_PAGES = 100
+NAMED = {1: UPLOAD_PROJECT, (LOOKUP_PAGES - 1) * PAGE_SIZE + 50: LOOKUP_PROJECT}  # the others: "Project %05d" % index
+PAYLOAD = '<qsRequest><datasource name="%s" ><project id="%s" /></datasource></qsRequest>'  # an upload's XML part
 LOG_FIELDS = ("method", "uri", "status", "content_length", "content_type", "expect", "user_agent", "accept", "auth")
 
 CONF = r"""
@@ -54,12 +56,6 @@ def project_id(index):
     return f"{d[:8]}-{d[8:12]}-{d[12:16]}-{d[16:20]}-{d[20:32]}"
 
 
-def project_name(index):
-    if index == 1:
-        return UPLOAD_PROJECT
-    return LOOKUP_PROJECT if index == (LOOKUP_PAGES - 1) * PAGE_SIZE + 50 else "Project %05d" % index
-
-
 class Nginx:
     def __init__(self, workdir):
         self.prefix = os.path.join(workdir, "nginx")
@@ -67,7 +63,7 @@ class Nginx:
         os.makedirs(self.pages)  # nginx makes its tmp/ directories itself
         for page in range(1, PROJECTS // PAGE_SIZE + 1):
             items = "".join('<project id="%s" name="%s" description="Benchmark project %d"/>'
-                            % (project_id(i), project_name(i), i)
+                            % (project_id(i), NAMED.get(i, "Project %05d" % i), i)
                             for i in range((page - 1) * PAGE_SIZE + 1, page * PAGE_SIZE + 1))
             with open(os.path.join(self.pages, "%d.xml" % page), "w") as f:
                 f.write('<?xml version="1.0" encoding="UTF-8"?>\n<qsResponse><pagination pageNumber="%d" pageSize='
@@ -77,16 +73,17 @@ class Nginx:
         for _ in range(5):  # a port taken between probe and listen: try another
             with socket.socket() as s:
                 s.bind(("127.0.0.1", 0))
-                self.port = s.getsockname()[1]
+                port = s.getsockname()[1]
+            self.url = "http://127.0.0.1:%d" % port
             conf = os.path.join(self.prefix, "nginx.conf")
             with open(conf, "w") as f:
-                f.write(CONF.format(prefix=self.prefix, port=self.port, token=TOKEN, site=SITE_ID, page_size=PAGE_SIZE))
+                f.write(CONF.format(prefix=self.prefix, port=port, token=TOKEN, site=SITE_ID, page_size=PAGE_SIZE))
             argv = ["nginx", "-p", self.prefix + "/", "-c", conf, "-e", self.prefix + "/error.log"]
             self.process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                             stderr=subprocess.DEVNULL)
             for _ in range(100):
                 try:
-                    with socket.create_connection(("127.0.0.1", self.port), timeout=0.2):
+                    with socket.create_connection(("127.0.0.1", port), timeout=0.2):
                         return
                 except OSError:
                     if self.process.poll() is not None:
@@ -104,10 +101,6 @@ class Nginx:
             except subprocess.TimeoutExpired:
                 self.process.kill()
             self.process = None
-
-    @property
-    def url(self):
-        return "http://127.0.0.1:%d" % self.port
 
     def uploads(self):
         with open(os.path.join(self.prefix, "access.log")) as f:

@@ -1,6 +1,5 @@
-"""Statistics and the report: medians with min-max spreads, the table with its
-numbered notes, the machine's description, and the measured section of
-bench/RESULTS.md."""
+"""Statistics and the report: medians with min-max spreads, the table with its numbered notes, the machine's
+description, and the measured section of bench/RESULTS.md."""
 
 import datetime
 import os

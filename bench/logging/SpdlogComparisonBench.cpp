@@ -1,10 +1,8 @@
-// The library's file logger beside spdlog's asynchronous logger set up the
-// same way: one writer thread, a queue the caller never waits on, the same
-// header fields (date, time with milliseconds, thread id) and lines, a flush
-// after every line. Per logger and round (the first logger alternating):
-// queue1, the callers' time for 100,000 calls from 1 thread, writer running;
-// queue8, the same calls spread over 8 threads; drain, from the first call
-// (1 thread) until every line is written and the writer joined.
+// The library's file logger beside spdlog's asynchronous logger set up the same way: one writer thread, a queue the
+// caller never waits on, the same header fields (date, time with milliseconds, thread id) and lines, a flush after
+// every line. Per logger and round (the first logger alternating): queue1, the callers' time for 100,000 calls from
+// 1 thread, writer running; queue8, the same calls spread over 8 threads; drain, from the first call (1 thread)
+// until every line is written and the writer joined.
 //
 // Usage: logging_spdlog_bench [ROUNDS]   (default 5). Prints lib_*_s_i and spdlog_*_s_i.
 #include "bench/common/BenchSupport.h"
@@ -58,7 +56,7 @@ struct Timing {
 template <typename Log, typename Stop> Timing Measure(const Lines& lines, Log log, Stop stop)
 {
     std::vector<std::thread> workers;
-    const double start = WallSeconds();
+    const double start = Seconds(CLOCK_MONOTONIC);
     for (const std::vector<std::string>& mine : lines)
         workers.emplace_back([&log, &mine] {
             for (const std::string& line : mine)
@@ -66,9 +64,9 @@ template <typename Log, typename Stop> Timing Measure(const Lines& lines, Log lo
         });
     for (std::thread& worker : workers)
         worker.join();
-    const double callers = WallSeconds() - start;
+    const double callers = Seconds(CLOCK_MONOTONIC) - start;
     stop();
-    return {callers, WallSeconds() - start};
+    return {callers, Seconds(CLOCK_MONOTONIC) - start};
 }
 
 Timing Library(const Lines& lines)
@@ -112,18 +110,15 @@ int main(int argc, char** argv)
     const Lines lines1 = MakeLines(1), lines8 = MakeLines(8);
     Timing (*const logger[2])(const Lines&) = {&Library, &Spdlog};
     for (int round = 0; round < rounds; ++round) {
-        Timing t[2][2]; // [library, spdlog][1 thread, 8 threads]
         // Alternate which logger goes first, so neither always meets a warm cache.
         for (int turn = 0; turn < 2; ++turn) {
             const int who = (turn + round) % 2;
-            t[who][0] = logger[who](lines1);
-            t[who][1] = logger[who](lines8);
-        }
-        for (int who = 0; who < 2; ++who) {
+            const Timing one = logger[who](lines1);
+            const Timing eight = logger[who](lines8);
             const std::string name = who == 0 ? "lib_" : "spdlog_", suffix = "_s_" + std::to_string(round);
-            Report(name + "queue1" + suffix, t[who][0].callers);
-            Report(name + "queue8" + suffix, t[who][1].callers);
-            Report(name + "drain" + suffix, t[who][0].written);
+            Report(name + "queue1" + suffix, one.callers);
+            Report(name + "queue8" + suffix, eight.callers);
+            Report(name + "drain" + suffix, one.written);
         }
     }
     return 0;

@@ -1,8 +1,7 @@
-// The parser's share of the project lookup: the same project pages parsed as
-// the library must parse them (a fresh expat parser per page, element
-// handlers registered, the whole page in one final XML_Parse call), with
-// handlers that do nothing and no HTTP at all. Whatever the library spends
-// per page beyond the plain GET and this, it spends in its own code.
+// The parser's share of the project lookup: the same project pages parsed as the library must parse them (a fresh
+// expat parser per page, element handlers registered, the whole page in one final XML_Parse call), with handlers
+// that do nothing and no HTTP at all. Whatever the library spends per page beyond the plain GET and this, it spends
+// in its own code.
 //
 // Usage: lookup_parse_floor PAGES-DIR PAGES [ROUNDS]   reads PAGES-DIR/1.xml ... PAGES-DIR/PAGES.xml;
 // prints parse_cpu_s_i per round (all pages) and page_bytes.
@@ -15,13 +14,6 @@
 #include <vector>
 
 using namespace OrvaneBench;
-
-namespace {
-
-void OnStart(void*, const XML_Char*, const XML_Char**) {}
-void OnEnd(void*, const XML_Char*) {}
-
-} // namespace
 
 int main(int argc, char** argv)
 {
@@ -40,18 +32,19 @@ int main(int argc, char** argv)
         bytes += static_cast<long>(texts.back().size());
     }
     for (int round = 0; round < rounds; ++round) {
-        const double cpu = ThreadCpuSeconds();
+        const double cpu = Seconds(CLOCK_THREAD_CPUTIME_ID);
         for (const std::string& text : texts) {
             XML_Parser parser = XML_ParserCreate(nullptr);
             if (parser == nullptr)
                 Fail("XML_ParserCreate failed");
             XML_SetUserData(parser, nullptr);
-            XML_SetElementHandler(parser, &OnStart, &OnEnd);
+            XML_SetElementHandler(
+                parser, [](void*, const XML_Char*, const XML_Char**) {}, [](void*, const XML_Char*) {});
             if (XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) != XML_STATUS_OK)
                 Fail("a page is not well-formed XML");
             XML_ParserFree(parser);
         }
-        Report("parse_cpu_s_" + std::to_string(round), ThreadCpuSeconds() - cpu);
+        Report("parse_cpu_s_" + std::to_string(round), Seconds(CLOCK_THREAD_CPUTIME_ID) - cpu);
     }
     Report("page_bytes", bytes / pages);
     return 0;

@@ -1,7 +1,6 @@
-// The reference for the project lookup: the page GETs the library makes while
-// it looks a project up (same URLs, same two header lines, a fresh easy handle
-// each) with plain libcurl, the reply bodies counted and dropped, nothing
-// parsed. Reports wall and CPU time per round of PAGES GETs.
+// The reference for the project lookup: the page GETs the library makes while it looks a project up (same URLs,
+// same two header lines, a fresh easy handle each) with plain libcurl, the reply bodies counted and dropped,
+// nothing parsed. Reports wall and CPU time per round of PAGES GETs.
 //
 // Usage: lookup_plain_curl URL-PREFIX PAGES TOKEN [ROUNDS]   (the page number is appended to URL-PREFIX)
 #include "bench/common/BenchSupport.h"
@@ -68,13 +67,13 @@ int main(int argc, char** argv)
     if (headers == nullptr)
         Fail("curl_slist_append failed");
     for (int round = 0; round < rounds; ++round) {
-        const double wall = WallSeconds();
-        const double cpu = ProcessCpuSeconds();
+        const double wall = Seconds(CLOCK_MONOTONIC);
+        const double cpu = Seconds(CLOCK_PROCESS_CPUTIME_ID);
         const size_t bytes = RunPages(argv[1], pages, headers);
         const std::string suffix = "_" + std::to_string(round);
-        Report("gets_wall_s" + suffix, WallSeconds() - wall);
-        Report("gets_cpu_s" + suffix, ProcessCpuSeconds() - cpu);
-        Report("gets_bytes" + suffix, static_cast<long>(bytes));
+        Report("gets_wall_s" + suffix, Seconds(CLOCK_MONOTONIC) - wall);
+        Report("gets_cpu_s" + suffix, Seconds(CLOCK_PROCESS_CPUTIME_ID) - cpu);
+        Report("gets_bytes" + suffix, static_cast<double>(bytes));
     }
     curl_slist_free_all(headers);
     curl_global_cleanup();

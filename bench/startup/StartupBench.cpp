@@ -21,7 +21,7 @@ namespace {
 
 double Cycle()
 {
-    const double start = WallSeconds();
+    const double start = Seconds(CLOCK_MONOTONIC);
 #if ORV_BENCH_LIBRARY
     if (OrvServerAPIInitialize() != ORV_RESULT_Success || OrvServerAPICleanup() != ORV_RESULT_Success)
         Fail("library start-up or shutdown failed");
@@ -30,7 +30,7 @@ double Cycle()
         Fail("curl_global_init failed");
     curl_global_cleanup();
 #endif
-    return WallSeconds() - start;
+    return Seconds(CLOCK_MONOTONIC) - start;
 }
 
 } // namespace

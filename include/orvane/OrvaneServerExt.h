@@ -78,7 +78,8 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionEnableCancel(void* handle);
 
 /* Asks the call running on `handle` (in another thread) to stop; that call
  * returns ORV_RESULT_Cancelled with the text "Cancelled". A cancel made while
- * no call runs stops the next call on the handle at its start. Returns at
+ * no call runs stops the next call on the handle at its start, unless that
+ * call is OrvServerConnectionSignOut. Returns at
  * once; safe from any thread (see the thread rules above). */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionCancel(void* handle);
 
@@ -239,7 +240,8 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionSetExpectContinue(void* handle, int
 /* ---- Sign-out --------------------------------------------------------------- */
 
 /* Signs the session out on the server (POST .../auth/signout with the token)
- * and then disconnects, also when the server's answer is a failure. Result
+ * and then disconnects, also when the server's answer is a failure or a
+ * cancel stops it. A cancel made before it does not stop it. Result
  * codes as for the other calls: ORV_SERVER_NotConnected before Connect,
  * ORV_SERVER_ServerResponseError for a refusal, ORV_SERVER_NetworkFailure
  * when the exchange fails. */

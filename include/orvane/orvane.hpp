@@ -13,10 +13,11 @@
  *
  * A Session signs in with the safe options on (see SessionOptions): cancel
  * within a second, time limits, few redirects and to the same origin only, a
- * bounded reply, one kept-alive connection. Its destructor sends nothing; signOut() ends the session on
- * the server. Threads: a Session is used by one thread at a time, except
- * cancel(), which any thread may call while another publishes; destroy a
- * Session only after its calls have returned.
+ * bounded reply, one kept-alive connection. A Session signs out on the server
+ * when it lets go of a sign-in: on connect() again and in its destructor (at
+ * most ten seconds, failures ignored); disconnect() sends nothing. Threads: a Session is used by one thread at a time,
+ * except cancel(), which any thread may call while another publishes; destroy a Session only after its calls have
+ * returned.
  */
 #ifndef ORVANE_HPP
 #define ORVANE_HPP
@@ -293,7 +294,7 @@ struct UploadProgress {
     std::uint64_t total = 0;
 };
 
-// One connection handle, signed in by its constructor and closed by its
+// One connection handle, signed in by its constructor, signed out and closed by its
 // destructor. Movable, not copyable; a moved-from Session throws Error with
 // ErrorCode::BadHandle from every call.
 class Session {
@@ -330,10 +331,13 @@ class Session {
     // For the C functions; null once moved from.
     void* handle() const noexcept { return m_state ? m_state->handle : nullptr; }
 
-    // Signs in again (signing out of this side first).
+    // Signs in again, signing the earlier sign-in out on the server first.
     void connect(const Text& url, const Text& user, const Text& password, const Text& site = Text(""))
     {
+        if (m_state && m_state->signedIn)
+            m_state->SignOut();
         Check(OrvServerConnectionConnect(handle(), url.c_str(), user.c_str(), password.c_str(), site.c_str()));
+        m_state->signedIn = true;
     }
     // Uploads the ".qrx" file at `path` into `project` as data source `name`.
     void publish(const Text& path, const Text& project, const Text& name, bool overwrite = false)
@@ -359,9 +363,19 @@ class Session {
             throw Error(static_cast<ErrorCode>(rc), detail::ToUtf8(OrvGetLastErrorMessage()));
     }
     // Forgets the sign-in here; nothing is sent.
-    void disconnect() { Check(OrvServerConnectionDisconnect(handle())); }
+    void disconnect()
+    {
+        Check(OrvServerConnectionDisconnect(handle()));
+        m_state->signedIn = false;
+    }
     // Signs out on the server, then disconnects.
-    void signOut() { Check(OrvServerConnectionSignOut(handle())); }
+    void signOut()
+    {
+        void* h = handle();
+        if (m_state)
+            m_state->signedIn = false;
+        Check(OrvServerConnectionSignOut(h));
+    }
 
     // A callable taking (sent, total) and returning bool (false stops) or
     // nothing; nullptr removes it.
@@ -446,10 +460,22 @@ class Session {
         State& operator=(const State&) = delete;
         ~State()
         {
-            if (handle != nullptr)
-                OrvServerConnectionClose(handle);
+            if (handle == nullptr)
+                return;
+            if (signedIn) {
+                OrvServerConnectionSetTotalTimeout(handle, 10);
+                SignOut();
+            }
+            OrvServerConnectionClose(handle);
+        }
+        // Whatever the answer, the sign-in is gone from this side.
+        void SignOut() noexcept
+        {
+            signedIn = false;
+            (void)OrvServerConnectionSignOut(handle);
         }
         void* handle = nullptr;
+        bool signedIn = false; // ends with a sign-out sent to the server
         Progress progress;
         std::exception_ptr thrown; // by the progress callback, rethrown when the call returns
     };

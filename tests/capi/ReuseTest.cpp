@@ -56,7 +56,7 @@ class ReuseTest : public StartedTest {};
 // Counted by the reference server ("Samples" is on page 3): without the calls,
 // every request opens a connection and every publish walks the pages; reuse
 // keeps one connection per Connect, the cache skips the walk until Connect.
-// Sign-out ends the session on the server.
+// Sign-out ends the session on the server, also after a cancel aimed at no call.
 TEST_F(ReuseTest, ConnectionsAndPageWalksPerSetting)
 {
     const struct {
@@ -66,12 +66,13 @@ TEST_F(ReuseTest, ConnectionsAndPageWalksPerSetting)
         bool connectAgain; // between the two publishes
         long requests;
         long connections;
+        bool cancelFirst; // a cancel made before the sign-out, while no call runs
     } rows[] = {
-        {"plain handle", 0, 0, false, 9, 9},
-        {"reuse", 1, 0, false, 9, 1},
-        {"cache", 0, 60, false, 6, 6},
-        {"reuse and cache", 1, 60, false, 6, 1},
-        {"reuse and cache, Connect in between", 1, 60, true, 10, 2},
+        {"plain handle", 0, 0, false, 9, 9, false},
+        {"reuse", 1, 0, false, 9, 1, false},
+        {"cache", 0, 60, false, 6, 6, false},
+        {"reuse and cache", 1, 60, false, 6, 1, false},
+        {"reuse and cache, Connect in between", 1, 60, true, 10, 2, true},
     };
     ReferenceServer server;
     const std::string extract = Extract("e.qrx", "extract bytes");
@@ -91,6 +92,9 @@ TEST_F(ReuseTest, ConnectionsAndPageWalksPerSetting)
         EXPECT_EQ(row.connections, server.Stat("connections") - connections);
         EXPECT_EQ("extract bytes", server.Stored("Samples", "second").value_or(""));
         const long live = server.Stat("sessions");
+        if (row.cancelFirst) {
+            EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionCancel(connection.Handle()));
+        }
         EXPECT_EQ(ORV_RESULT_Success, OrvServerConnectionSignOut(connection.Handle()));
         EXPECT_EQ(live - 1, server.Stat("sessions"));
     }

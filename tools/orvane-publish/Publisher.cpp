@@ -211,11 +211,9 @@ Session::~Session()
     m_cancels.Remove(m_handle);
     if (m_signedIn) {
         // Bounded, also after a signal: a server that does not answer costs
-        // seconds, not the run. A cancel that came between calls stops the
-        // first try at its start, before anything is sent.
+        // seconds, not the run.
         OrvServerConnectionSetTotalTimeout(m_handle, kSignOutSeconds);
-        if (OrvServerConnectionSignOut(m_handle) == ORV_RESULT_Cancelled)
-            OrvServerConnectionSignOut(m_handle);
+        OrvServerConnectionSignOut(m_handle);
     }
     OrvServerConnectionClose(m_handle); // disconnects whatever sign-out left connected
 }
