@@ -9,7 +9,7 @@ packages=(
   qtbase5-dev libtbb-dev libboost-dev libicu-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev
   tinyproxy
-  python3-pytest python3-venv
+  python3-pytest python3-venv python3-pip
 )
 # Extra groups, asked for by the scripts that need them.
 for extra in "$@"; do

@@ -160,19 +160,18 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
         };
     };
     const TinyProxy proxy(ProxyOptions{"relay", "secret"});
-    const Setup refusingProxy = [&proxy](void*, const TestHttpServer&) { SetProxyEnvironment(proxy.Url()); };
     const Response heldUpload = Response(201).Body(kPublishReply).HoldBodyAt(256 * 1024, 10);
     const Script heldSignIn = Script().On(kSignInPath, Response(200).Body(kSignInReply).HoldBodyAt(0, 10));
-    const Script signIn = Script().On(kSignInPath, Response(200).Body(kSignInReply));
-    const Script published = PublishScript({Response(201).Body(kPublishReply)});
+    const std::optional<Script> shared; // no server of the row's own: the plain or TLS one the rows share
     const std::set<long> noCode{0};
     const std::set<long> aborted{CURLE_ABORTED_BY_CALLBACK};
-    enum Peer { Scripted, Tls, Silent, Refusing };
+    const auto codes = [](auto... code) { return std::set<long>{code...}; };
+    enum Peer { Scripted, Tls, Silent, Refusing, TlsBehindProxy }; // behind the environment's proxy, which refuses
     enum Call { SignIn, Publish, PublishMissing };
     enum Upload { NoUpload, PartOfIt, AllOfIt };
     const struct {
         const char* name;
-        Script script;
+        std::optional<Script> script;
         Setup setup;
         Call call;
         bool cancelOnHold; // another thread cancels once the server holds the body
@@ -186,90 +185,39 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
     } rows[] = {
         {"cancel a silent sign-in", heldSignIn, enableCancel, SignIn, true, ORV_RESULT_Cancelled, "Cancelled",
          ORV_FAILURE_Cancelled, aborted, 0, NoUpload},
-        {"cancel before the call", signIn, with([](void* h) { OrvServerConnectionCancel(h); }), SignIn, false,
+        {"cancel before the call", shared, with([](void* h) { OrvServerConnectionCancel(h); }), SignIn, false,
          ORV_RESULT_Cancelled, "Cancelled", ORV_FAILURE_Cancelled, noCode, 0, NoUpload},
         {"stall: held upload", PublishScript({heldUpload}), stall, Publish, false, ORV_RESULT_TimedOut,
          "Timeout was reached", ORV_FAILURE_StallTimeout, aborted, 0, PartOfIt},
-        {"connect time-out",
-         signIn,
-         with([](void* h) { OrvServerConnectionSetConnectTimeout(h, 1); }),
-         SignIn,
-         false,
-         ORV_RESULT_TimedOut,
-         "Timeout was reached",
-         ORV_FAILURE_ConnectTimeout,
-         {CURLE_OPERATION_TIMEDOUT},
-         0,
-         NoUpload,
-         Silent},
-        {"refused port",
-         signIn,
-         none,
-         SignIn,
-         false,
-         ORV_SERVER_NetworkFailure,
-         "Couldn't connect to server",
-         ORV_FAILURE_Connect,
-         {CURLE_COULDNT_CONNECT},
-         0,
-         NoUpload,
-         Refusing},
-        {"redirects forever",
-         Script().On(kSignInPath, Response::Redirect(302, kSignInPath)),
-         with([](void* h) { OrvServerConnectionSetMaxRedirects(h, 3); }),
-         SignIn,
-         false,
-         ORV_SERVER_NetworkFailure,
-         "Number of redirects hit maximum amount",
-         ORV_FAILURE_TooManyRedirects,
-         {CURLE_TOO_MANY_REDIRECTS},
-         302,
+        {"connect time-out", shared, with([](void* h) { OrvServerConnectionSetConnectTimeout(h, 1); }), SignIn, false,
+         ORV_RESULT_TimedOut, "Timeout was reached", ORV_FAILURE_ConnectTimeout, codes(CURLE_OPERATION_TIMEDOUT), 0,
+         NoUpload, Silent},
+        {"refused port", shared, none, SignIn, false, ORV_SERVER_NetworkFailure, "Couldn't connect to server",
+         ORV_FAILURE_Connect, codes(CURLE_COULDNT_CONNECT), 0, NoUpload, Refusing},
+        {"redirects forever", Script().On(kSignInPath, Response::Redirect(302, kSignInPath)),
+         with([](void* h) { OrvServerConnectionSetMaxRedirects(h, 3); }), SignIn, false, ORV_SERVER_NetworkFailure,
+         "Number of redirects hit maximum amount", ORV_FAILURE_TooManyRedirects, codes(CURLE_TOO_MANY_REDIRECTS), 302,
          NoUpload},
-        {"oversized reply",
-         Script().On(kSignInPath, Response(200).Body(std::string(200000, 'x'))),
-         with([](void* h) { OrvServerConnectionSetMaxReplySize(h, 1000); }),
-         SignIn,
-         false,
-         ORV_SERVER_NetworkFailure,
-         "Server reply larger than the limit of 1000 bytes",
-         ORV_FAILURE_ReplyTooLarge,
-         {CURLE_WRITE_ERROR},
-         200,
+        {"oversized reply", Script().On(kSignInPath, Response(200).Body(std::string(200000, 'x'))),
+         with([](void* h) { OrvServerConnectionSetMaxReplySize(h, 1000); }), SignIn, false, ORV_SERVER_NetworkFailure,
+         "Server reply larger than the limit of 1000 bytes", ORV_FAILURE_ReplyTooLarge, codes(CURLE_WRITE_ERROR), 200,
          NoUpload},
-        {"self-signed, CA file", signIn, trust(false), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode,
+        {"self-signed, CA file", shared, trust(false), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode,
          200, NoUpload, Tls},
-        {"self-signed, CA directory", signIn, trust(true), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None,
+        {"self-signed, CA directory", shared, trust(true), SignIn, false, ORV_RESULT_Success, "", ORV_FAILURE_None,
          noCode, 200, NoUpload, Tls},
-        {"proxy wants credentials",
-         signIn,
-         refusingProxy,
-         SignIn,
-         false,
-         ORV_SERVER_NetworkFailure,
-         "",
-         ORV_FAILURE_Proxy,
-         {CURLE_RECV_ERROR, CURLE_PROXY},
-         0,
-         NoUpload,
-         Tls},
-        {"reset mid-upload",
-         PublishScript({Response(201).ReadBodyBytes(64 * 1024).ResetWithoutAnswer()}),
-         none,
-         Publish,
-         false,
-         ORV_SERVER_NetworkFailure,
-         "",
-         ORV_FAILURE_ConnectionLost,
-         {CURLE_SEND_ERROR, CURLE_RECV_ERROR},
-         0,
-         PartOfIt},
+        {"proxy wants credentials", shared, none, SignIn, false, ORV_SERVER_NetworkFailure, "", ORV_FAILURE_Proxy,
+         codes(CURLE_RECV_ERROR, CURLE_PROXY), 0, NoUpload, TlsBehindProxy},
+        {"reset mid-upload", PublishScript({Response(201).ReadBodyBytes(64 * 1024).ResetWithoutAnswer()}), none,
+         Publish, false, ORV_SERVER_NetworkFailure, "", ORV_FAILURE_ConnectionLost,
+         codes(CURLE_SEND_ERROR, CURLE_RECV_ERROR), 0, PartOfIt},
         {"other 4xx", PublishScript({Response(413)}), none, Publish, false, ORV_SERVER_ServerResponseError,
          "Server Response Code: 413", ORV_FAILURE_Refused, noCode, 413, AllOfIt},
         {"5xx after the whole body", PublishScript({Response(502)}), none, Publish, false,
          ORV_SERVER_ServerResponseError, "Server Response Code: 502", ORV_FAILURE_ServerError, noCode, 502, AllOfIt},
         {"reply not XML", PublishScript({Response(201).Body("not xml")}), none, Publish, false,
          ORV_SERVER_ResponseParseFailed, "", ORV_FAILURE_ReplyUnreadable, noCode, 201, AllOfIt},
-        {"no such extract", published, none, PublishMissing, false, ORV_SERVER_InvalidPublishInput, "File \"",
+        {"no such extract", shared, none, PublishMissing, false, ORV_SERVER_InvalidPublishInput, "File \"",
          ORV_FAILURE_ExtractUnusable, noCode, 0, NoUpload},
         {"stall quiet while the server works", PublishScript({Response(201).Body(kPublishReply).AnswerAfter(1.5)}),
          stall, Publish, false, ORV_RESULT_Success, "", ORV_FAILURE_None, noCode, 201, AllOfIt},
@@ -292,12 +240,21 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
          AllOfIt},
     };
     const std::string path = Extract("big.qrx", Bytes(8 * 1024 * 1024, 3));
-    for (const auto& row : rows) {
+    const Script published = PublishScript({Response(201).Body(kPublishReply)});
+    const TestHttpServer plain(published);
+    const TestHttpServer secure(published, OrvaneTest::ServerOptions{true});
+    // Started before the rows run: the library's fork hooks cannot take two
+    // threads forking at once.
+    std::vector<std::optional<TestHttpServer>> servers(std::size(rows));
+    for (std::size_t i = 0; i < servers.size(); ++i)
+        if (rows[i].script)
+            servers[i].emplace(*rows[i].script, OrvaneTest::ServerOptions{rows[i].peer == Tls});
+    const auto run = [&](const auto& row, const std::optional<TestHttpServer>& own) {
         SCOPED_TRACE(row.name);
-        TestHttpServer server(row.script, OrvaneTest::ServerOptions{row.peer == Tls});
+        const TestHttpServer& server = own ? *own : row.peer == Tls || row.peer == TlsBehindProxy ? secure : plain;
         const SilentListener silent(true);
         const SilentListener refusing(false);
-        const std::string urls[] = {server.BaseUrl(), server.BaseUrl(), silent.Url(), refusing.Url()};
+        const std::string urls[] = {server.BaseUrl(), server.BaseUrl(), silent.Url(), refusing.Url(), server.BaseUrl()};
         Connection connection;
         ASSERT_EQ(ORV_RESULT_Success, connection.Create());
         row.setup(connection.Handle(), server);
@@ -314,8 +271,8 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
             result = connection.Publish(extract, "Sales", "d", 0);
         }
         canceller.join();
-        server.ReleaseHolds();
-        SetProxyEnvironment("", "127.0.0.1,localhost");
+        if (own)
+            own->ReleaseHolds();
         EXPECT_EQ(row.expected, result) << LastError();
         EXPECT_EQ(row.error, LastError().substr(0, row.error.size()));
         ORV_FAILURE kind = ORV_FAILURE_Other;
@@ -331,7 +288,22 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionGetUploadProgress(connection.Handle(), &sent, &total));
         EXPECT_EQ(row.upload == NoUpload, total == 0) << total;
         EXPECT_EQ(row.upload == AllOfIt, total > 0 && sent == total) << sent << " of " << total;
+    };
+    // The environment is the whole process's: the row behind the proxy runs
+    // alone. The others run at once, so that their waits for limits overlap.
+    for (std::size_t i = 0; i < servers.size(); ++i) {
+        if (rows[i].peer == TlsBehindProxy) {
+            SetProxyEnvironment(proxy.Url());
+            run(rows[i], servers[i]);
+            SetProxyEnvironment("", "127.0.0.1,localhost");
+        }
     }
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < servers.size(); ++i)
+        if (rows[i].peer != TlsBehindProxy)
+            threads.emplace_back([&run, &rows, &servers, i] { run(rows[i], servers[i]); });
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 // A value a setter cannot honour is refused at once, and the setting stays as

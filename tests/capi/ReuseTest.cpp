@@ -215,12 +215,12 @@ TEST_F(ReuseTest, ReuseAfterACancelOrATimeOut)
         {"cancel", 0, 0, &CancelOnceSending, ORV_RESULT_Cancelled},
     };
     // Larger than what loopback socket buffers hold, so that the held upload stalls.
-    const std::string extract = Extract("e.qrx", Bytes(24 << 20, 3));
+    const std::string extract = Extract("e.qrx", std::string(24 << 20, 'x'));
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         const Response held = Response(201).Body(kPublishReply).HoldBodyAt(65536, 10);
-        TestHttpServer server(
-            Scripted({Response(200).Body(kProjectsReply)}, {held, Response(201).Body(kPublishReply)}));
+        TestHttpServer server(Scripted({Response(200).Body(kProjectsReply)}, {held, Response(201).Body(kPublishReply)}),
+                              {false, false});
         Connection connection;
         Configure(connection, 1, 60);
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetStallTimeout(connection.Handle(), row.stallSeconds));
@@ -233,7 +233,7 @@ TEST_F(ReuseTest, ReuseAfterACancelOrATimeOut)
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetProgressCallback(connection.Handle(), nullptr, nullptr));
         ASSERT_EQ(ORV_RESULT_Success, OrvServerConnectionSetTotalTimeout(connection.Handle(), 0));
         EXPECT_EQ(ORV_RESULT_Success, connection.Publish(extract, "Sales", "d", 1));
-        const auto uploads = To(server.WaitForRequests(4), kUploadPath);
+        const auto uploads = To(server.WaitForRequests(4, false), kUploadPath);
         ASSERT_EQ(2u, uploads.size());
         EXPECT_TRUE(uploads[1].bodyComplete);
         EXPECT_EQ(1u, To(server.Requests(false), kProjectsPath).size());

@@ -2,6 +2,7 @@
 
 Usage: test_orvane_publish.py BUILD_DIR REFERENCE_SERVER [unittest options]
 """
+import concurrent.futures
 import hashlib
 import json
 import os
@@ -55,6 +56,8 @@ class OrvanePublishTest(unittest.TestCase):
         cls.addClassCleanup(cls.server.wait, 10)
         cls.addClassCleanup(cls.server.terminate)
         cls.url = wait_for_port(cls.server, port_file)
+        cls.pool = concurrent.futures.ThreadPoolExecutor(16)  # for runs at once, whose waits on limits overlap
+        cls.addClassCleanup(cls.pool.shutdown)
         # The installed binary must find the installed library by itself.
         cls.env = {k: v for k, v in os.environ.items() if k.lower() not in (
             "http_proxy", "https_proxy", "all_proxy", "orvane_password", "ld_library_path")}
@@ -200,17 +203,21 @@ class OrvanePublishTest(unittest.TestCase):
 
     def test_a_lost_answer_to_a_whole_upload_is_never_told_as_a_failure(self):
         extract = self.extract("lost.qrx")
+        running = []
         for name, answers, args, status, result_name, texts in (
                 ("502, no retry", [{"status": 502}], [], 7, "uncertain", ["may or may not be published"]),
                 ("502, then a conflict", [{"status": 502}, {"status": 409}], ["--retry", "1"], 7, "uncertain",
                  ["sending it again in 1 s (retry 1 of 1)", "(HTTP 409)", "may or may not be published"]),
-                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0,
-                 "published",
+                ("reset, then stored over", [{"fault": "reset"}, STORED], ["--retry", "1", "-o"], 0, "published",
                  ["sending it again in 1 s (retry 1 of 1)"])):
+            upload = {"path": UPLOAD_PATH, "method": "POST", "responses": answers}
+            url, folder = self.scripted(SIGN_IN, PROJECTS, upload)
+            future = self.pool.submit(self.run_tool, "-s", url, "-u", "demo", "-p", "Sales", "-q", "--json", *args,
+                                      extract)
+            running.append((name, answers, status, result_name, texts, folder, future))
+        for name, answers, status, result_name, texts, folder, future in running:
             with self.subTest(name):
-                url, folder = self.scripted(SIGN_IN, PROJECTS, {"path": UPLOAD_PATH, "method": "POST",
-                                                                "responses": answers})
-                result = self.run_tool("-s", url, "-u", "demo", "-p", "Sales", "-q", "--json", *args, extract)
+                result = future.result()
                 self.assertEqual(status, result.returncode, result.stderr)
                 entry = json.loads(result.stdout)["files"][0]
                 self.assertEqual((result_name, len(answers)), (entry["result"], entry["uploads"]))
@@ -223,12 +230,12 @@ class OrvanePublishTest(unittest.TestCase):
         # Control characters in a file name reach the terminal escaped.
         good = self.extract("situations\x1b]0;x\x07\n.qrx")
         shown = good.replace("\x1b", "\\u001b").replace("\x07", "\\u0007").replace("\n", "\\n")
-        log = os.path.join(self.dir, "OrvaneSDKServer.log")
         unreadable, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 200, "body": "no XML"}]))
         oversized, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 200, "body": " " * (17 << 20)}]))
         elsewhere = [["Location", closed_url + "/api/2.0/auth/signin"]]
         redirecting, _ = self.scripted(dict(SIGN_IN, responses=[{"status": 307, "headers": elsewhere}]))
         tls_to_plain = self.url.replace("http://", "https://")
+        running = []
         for server, args, password, status, error, texts in (
                 (self.url, [], "wrong", 3, "SignInRefused",
                  ["sign-in refused (HTTP 401): Signin Error: Wrong user name, password or site."]),
@@ -236,7 +243,7 @@ class OrvanePublishTest(unittest.TestCase):
                  ["Check the user name, the password and --site"]),
                 (self.url, ["-p", "Nowhere", "-v"], "demo-password", 4, "ProjectNotFound",
                  ['Project "Nowhere" doesn\'t exist on server', f"{shown}: library result 303",
-                  f"the library's log: {log}"]),
+                  "the library's log: {log}"]),
                 (unreadable, [], "demo-password", 1, "ReplyUnreadable", ["is not one a publishing server sends"]),
                 (oversized, [], "demo-password", 1, "ReplyTooLarge", ["the reply is larger than a publishing server"]),
                 (silent_url, ["--stall-timeout", "1"], "demo-password", 6, "StallTimeout",
@@ -250,15 +257,21 @@ class OrvanePublishTest(unittest.TestCase):
                 (tls_to_plain, [], "demo-password", 5, "Tls", ["if it serves plain HTTP on this port, use an http://"]),
                 (self.url, ["--dry-run", "-n", "dry"], "demo-password", 0, None, []),
                 (self.url, ["--password-stdin", "-n", "via-stdin"], None, 0, None, [])):
+            # Each logs in a folder of its own: a second process at once would log to a numbered sibling of the file.
+            logs = tempfile.mkdtemp(dir=self.dir)
+            future = self.pool.submit(self.run_tool, "-s", server, "-u", "demo", "-p", "Samples", "--json", *args, good,
+                                      env=dict(self.env, ORV_SDK_LOGDIR=logs), password=password,
+                                      stdin=None if password else "demo-password\n")
+            running.append((server, args, status, error, texts, logs, future))
+        for server, args, status, error, texts, logs, future in running:
             with self.subTest(server=server, args=args):
-                result = self.run_tool("-s", server, "-u", "demo", "-p", "Samples", "--json", *args, good,
-                                       password=password, stdin=None if password else "demo-password\n")
+                result = future.result()
                 self.assertEqual(status, result.returncode, result.stdout + result.stderr)
                 summary = json.loads(result.stdout)
                 self.assertEqual((status, error), (summary["exit_code"], summary["error"]))
                 self.assertNotIn("\x1b", result.stderr)
                 for text in texts:
-                    self.assertIn(text, result.stderr)
+                    self.assertIn(text.replace("{log}", os.path.join(logs, "OrvaneSDKServer.log")), result.stderr)
         self.assertEqual({"via-stdin"}, {"via-stdin", "dry"} & set(self.stored()))
 
     def test_log_lands_with_the_users_state_never_in_the_working_directory(self):
