@@ -11,6 +11,7 @@
 #include <pthread.h>
 
 #include <cstdlib>
+#include <mutex>
 #include <vector>
 
 namespace OrvaneInternal {
@@ -27,6 +28,10 @@ bool noLog = false;        // the host asked for no log file
 std::string logPath;
 // The logger that BeforeFork quiesced, for the handler that follows it.
 RefCntPtr<Logger> forkingLogger;
+// Held from BeforeFork to the handler after the fork: two threads forking at
+// once would otherwise share forkingLogger, and the first to finish would take
+// it from under the second.
+std::mutex forkMutex;
 
 // Releasing a writer that still runs would join a thread that waits for lines
 // forever, so a host that exits without Cleanup would hang. Registered after
@@ -49,6 +54,7 @@ void StopWriterAtExit()
 // that cannot start a writer drains its log on the thread that calls Cleanup.
 void BeforeFork()
 {
+    forkMutex.lock();
     forkingLogger = Logger::Get();
     forkingLogger->BeforeFork();
 }
@@ -57,12 +63,14 @@ void AfterForkInParent()
 {
     forkingLogger->AfterForkInParent();
     forkingLogger.reset();
+    forkMutex.unlock();
 }
 
 void AfterForkInChild()
 {
     forkingLogger->AfterForkInChild();
     forkingLogger.reset();
+    forkMutex.unlock(); // taken by this very thread in BeforeFork
     LogListener::AfterForkInChild();
     if (!loggerThread || !loggerThread->Joinable())
         return; // no writer was running: Initialize or Cleanup will do as usual

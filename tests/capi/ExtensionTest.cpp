@@ -243,14 +243,13 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
     const Script published = PublishScript({Response(201).Body(kPublishReply)});
     const TestHttpServer plain(published);
     const TestHttpServer secure(published, OrvaneTest::ServerOptions{true});
-    // Started before the rows run: the library's fork hooks cannot take two
-    // threads forking at once.
-    std::vector<std::optional<TestHttpServer>> servers(std::size(rows));
-    for (std::size_t i = 0; i < servers.size(); ++i)
-        if (rows[i].script)
-            servers[i].emplace(*rows[i].script, OrvaneTest::ServerOptions{rows[i].peer == Tls});
-    const auto run = [&](const auto& row, const std::optional<TestHttpServer>& own) {
+    // Each row starts its own server, if any, on its own thread: many threads
+    // fork at once while the library is running.
+    const auto run = [&](const auto& row) {
         SCOPED_TRACE(row.name);
+        std::optional<TestHttpServer> own;
+        if (row.script)
+            own.emplace(*row.script, OrvaneTest::ServerOptions{row.peer == Tls});
         const TestHttpServer& server = own ? *own : row.peer == Tls || row.peer == TlsBehindProxy ? secure : plain;
         const SilentListener silent(true);
         const SilentListener refusing(false);
@@ -291,17 +290,17 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
     };
     // The environment is the whole process's: the row behind the proxy runs
     // alone. The others run at once, so that their waits for limits overlap.
-    for (std::size_t i = 0; i < servers.size(); ++i) {
-        if (rows[i].peer == TlsBehindProxy) {
+    for (const auto& row : rows) {
+        if (row.peer == TlsBehindProxy) {
             SetProxyEnvironment(proxy.Url());
-            run(rows[i], servers[i]);
+            run(row);
             SetProxyEnvironment("", "127.0.0.1,localhost");
         }
     }
     std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < servers.size(); ++i)
-        if (rows[i].peer != TlsBehindProxy)
-            threads.emplace_back([&run, &rows, &servers, i] { run(rows[i], servers[i]); });
+    for (const auto& row : rows)
+        if (row.peer != TlsBehindProxy)
+            threads.emplace_back([&run, &row] { run(row); });
     for (std::thread& thread : threads)
         thread.join();
 }
