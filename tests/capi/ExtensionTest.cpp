@@ -243,8 +243,7 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
     const Script published = PublishScript({Response(201).Body(kPublishReply)});
     const TestHttpServer plain(published);
     const TestHttpServer secure(published, OrvaneTest::ServerOptions{true});
-    // Each row starts its own server, if any, on its own thread: many threads
-    // fork at once while the library is running.
+    // Rows start their servers on threads of their own: many forks at once.
     const auto run = [&](const auto& row) {
         SCOPED_TRACE(row.name);
         std::optional<TestHttpServer> own;

@@ -135,7 +135,6 @@ class OrvanePublishTest(unittest.TestCase):
         for args, error, complaint in (
                 (["--password=pw", good], "Usage", "passwords are not taken from the command line"),
                 (["-j0", good], "Usage", "--jobs takes a number from 1 to 64"),
-                (["-x", good], "Usage", "unknown option -x"),
                 (["-s", "ftp://127.0.0.1/", good], "Usage", "--server takes an http:// or https:// URL"),
                 ([self.dir], "ExtractUnusable", f"{self.dir}: is a directory"),
                 ([good, good[:-3] + "QRX"], "ExtractUnusable", "QRX: No such file"),
