@@ -111,7 +111,8 @@ TEST_F(StartupApiTest, CreateNeedsAStartedLibraryAndLeavesTheHandleAloneWhenRefu
     for (int n = 0; n <= 9; ++n) {
         const std::string name =
             m_dir.File(n ? "OrvaneSDKServer_" + std::to_string(n) + ".log" : "OrvaneSDKServer.log");
-        std::filesystem::remove(name), std::filesystem::create_directory(name);
+        std::filesystem::remove(name);
+        std::filesystem::create_directory(name);
     }
     EXPECT_EQ(ORV_RESULT_UnknownError, OrvServerAPIInitialize());
     EXPECT_EQ("Unknown error", LastError());

@@ -243,7 +243,6 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
     const Script published = PublishScript({Response(201).Body(kPublishReply)});
     const TestHttpServer plain(published);
     const TestHttpServer secure(published, OrvaneTest::ServerOptions{true});
-    // Rows start their servers on threads of their own: many forks at once.
     const auto run = [&](const auto& row) {
         SCOPED_TRACE(row.name);
         std::optional<TestHttpServer> own;
@@ -287,8 +286,8 @@ TEST_F(ExtensionTest, FailuresCarryTheirKind)
         EXPECT_EQ(row.upload == NoUpload, total == 0) << total;
         EXPECT_EQ(row.upload == AllOfIt, total > 0 && sent == total) << sent << " of " << total;
     };
-    // The environment is the whole process's: the row behind the proxy runs
-    // alone. The others run at once, so that their waits for limits overlap.
+    // The environment is the whole process's: the row behind the proxy runs alone. The others run at once,
+    // so that their waits for limits overlap, and start their servers: many threads fork at once.
     for (const auto& row : rows) {
         if (row.peer == TlsBehindProxy) {
             SetProxyEnvironment(proxy.Url());

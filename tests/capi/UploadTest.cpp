@@ -149,9 +149,10 @@ TEST_F(UploadTest, OverwriteValuesAndAnEmptyExtract)
         EXPECT_EQ(ORV_RESULT_Success, m_c.Publish(path, "Sales", "d", overwrite)) << overwrite;
     const std::vector<RecordedRequest> uploads = Uploads(server.Requests(false));
     ASSERT_EQ(6u, uploads.size());
-    for (std::size_t i = 0; i < 6; ++i)
-        EXPECT_EQ(i ? "/api/2.0/sites/S1/datasources?overwrite=true" : kUploadPath, uploads[i].target),
-            ExpectWholeAsAnnounced(uploads[i]);
+    for (std::size_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(i ? "/api/2.0/sites/S1/datasources?overwrite=true" : kUploadPath, uploads[i].target);
+        ExpectWholeAsAnnounced(uploads[i]);
+    }
 }
 
 // A sparse file just over 4 GiB: no count may wrap at 32 bits. In shared memory, whose holes read

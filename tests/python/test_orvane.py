@@ -199,8 +199,6 @@ def test_each_failure_raises_its_class(server, case):
 MISUSE = {  # what is wrong: (call on a signed-in session, error, piece of its text)
     "project None": (lambda s, path: s.publish(path, None), TypeError, "project must be a str, not NoneType"),
     "path None": (lambda s, path: s.publish(None, "Samples"), TypeError, "path must be a str or os.PathLike"),
-    "negative limit": (lambda s, path: orvane.Session("http://x", "u", "p", total_timeout=-1), ValueError,
-                       "total_timeout must not be negative"),
     "no jobs": (lambda s, path: s.publish_many([path], "Samples", jobs=0), ValueError, "jobs must be at least 1"),
     "same name twice": (lambda s, path: s.publish_many([path, path.parent / "x" / path.name], "Samples"), ValueError,
                         'would both be published as "a"'),
