@@ -79,8 +79,8 @@ ORV_SERVER_API ORV_RESULT OrvServerConnectionEnableCancel(void* handle);
 /* Asks the call running on `handle` (in another thread) to stop; that call
  * returns ORV_RESULT_Cancelled with the text "Cancelled". A cancel made while
  * no call runs stops the next call on the handle at its start, unless that
- * call is OrvServerConnectionSignOut. Returns at
- * once; safe from any thread (see the thread rules above). */
+ * call is OrvServerConnectionSignOut. Returns at once; safe from any thread
+ * (see the thread rules above). */
 ORV_SERVER_API ORV_RESULT OrvServerConnectionCancel(void* handle);
 
 /* Gives up connecting to the server (or proxy) after `seconds`; 0 restores

@@ -15,9 +15,10 @@
  * within a second, time limits, few redirects and to the same origin only, a
  * bounded reply, one kept-alive connection. A Session signs out on the server
  * when it lets go of a sign-in: on connect() again and in its destructor (at
- * most ten seconds, failures ignored); disconnect() sends nothing. Threads: a Session is used by one thread at a time,
- * except cancel(), which any thread may call while another publishes; destroy a Session only after its calls have
- * returned.
+ * most ten seconds, failures ignored); disconnect() sends nothing. Threads: a
+ * Session is used by one thread at a time, except cancel(), which any thread
+ * may call while another publishes; destroy a Session only after its calls
+ * have returned.
  */
 #ifndef ORVANE_HPP
 #define ORVANE_HPP
@@ -294,9 +295,9 @@ struct UploadProgress {
     std::uint64_t total = 0;
 };
 
-// One connection handle, signed in by its constructor, signed out and closed by its
-// destructor. Movable, not copyable; a moved-from Session throws Error with
-// ErrorCode::BadHandle from every call.
+// One connection handle, signed in by its constructor, signed out and closed
+// by its destructor. Movable, not copyable; a moved-from Session throws Error
+// with ErrorCode::BadHandle from every call.
 class Session {
   public:
     // Called as the upload body is read: return false to stop the publish
@@ -371,10 +372,9 @@ class Session {
     // Signs out on the server, then disconnects.
     void signOut()
     {
-        void* h = handle();
         if (m_state)
             m_state->signedIn = false;
-        Check(OrvServerConnectionSignOut(h));
+        Check(OrvServerConnectionSignOut(handle()));
     }
 
     // A callable taking (sent, total) and returning bool (false stops) or
